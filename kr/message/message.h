@@ -253,8 +253,9 @@ class message {
   set_t<W> get(W id) const {
     return get(id, set_t<W>());
   }
-  // The stored value without a copy, or `dflt`. Valid until the next write
-  // to this message. `id` is stamped with T's kind.
+  // The stored value without a copy, or `dflt` itself (so a temporary
+  // default must not be kept past the full expression). Valid until the
+  // next write to this message. `id` is stamped with T's kind.
   template <class T>
   const T& get_const(unsigned int id, const T& dflt) const {
     const T* p = findStored<T>(stampId(id, internal::kKindOf<T>));
@@ -380,9 +381,23 @@ class message {
   // across kinds in the lists but not always in the tables.
   void removeIdMask(unsigned int value, unsigned int mask);
 
+  // ---- Algebra ------------------------------------------------------------------
+  // Fields match when their complete ids (kind included) are identical and
+  // their values are equal; nested messages compare parsed, so their field
+  // order does not matter.
+
+  // Overlays `other`: its fields replace or join ours; fields only we have
+  // stay. Arrays and nested messages are replaced whole, never combined. On
+  // an empty message this shares other's representation.
+  void merge(const message& other);
   // The ids present in both messages with equal values, in the order of
-  // `other`'s fields. Nested messages compare parsed.
+  // `other`'s fields (bools, u32s, then its two lists); unsorted.
   std::vector<unsigned int> common_ids(const message& other) const;
+  // Whether every field of `other` is here with an equal value.
+  bool includes(const message& other) const;
+  // Deletes every field that `other` holds with an equal value; a field with
+  // the same id but another value stays.
+  void exclude(const message& other);
   // Same fields with equal values, in any order.
   bool operator==(const message& other) const;
 
@@ -489,5 +504,17 @@ class message {
 
   Rep* rep_;
 };
+
+// Applies `change` to the configuration object `obj` and makes `undo`, the
+// change that takes it back: kr::merge(obj, undo, ...) restores the old
+// fields and deletes the added ones.
+//  - System fields and standard fields other than STD_DESCR, STD_DISABLED
+//    and STD_NAME that `change` carries are deleted from `obj`, even where
+//    `obj` had them before: a change never leaves them in an object.
+//  - The ids in change's removal list (REMOVED_IDS, 0x88FF0014) are deleted
+//    from `obj`.
+//  - `undo` holds the old values of the fields the change replaced or
+//    removed, and lists the fields it added in its own removal list.
+void merge(message& obj, const message& change, message& undo);
 
 }  // namespace kr
