@@ -25,6 +25,7 @@
 #pragma once
 
 #include <bit>
+#include <iosfwd>
 #include <concepts>
 #include <cstdint>
 #include <string>
@@ -37,6 +38,7 @@
 namespace kr {
 
 class message;
+class Dumper;
 
 // A message in its flat byte form; this is how a nested message is stored.
 // A distinct type (not a plain byte vector) so that it cannot be mistaken for
@@ -426,6 +428,19 @@ class message {
   // stay. Zero bytes succeed in every mode and change nothing.
   bool unflatten(const unsigned char* data, unsigned int len, flatten_type mode = kFlatNormal);
 
+  // ---- Dumps (see kr/message/dump.h) ------------------------------------------
+  // One line per field, each starting with `prefix` and four blanks per
+  // `level`; nested messages one level deeper. The Dumper form allocates
+  // nothing: it prints nested messages straight from their flat bytes, in
+  // wire order for their bool and u32 fields.
+  void dump2(std::ostream& os, const char* prefix = "", unsigned int level = 0) const;
+  void dump2(Dumper& d, const char* prefix = "", unsigned int level = 0) const;
+  // Wraps an id for printing by name.
+  struct idstr {
+    unsigned int id;
+    explicit idstr(unsigned int i) : id(i) {}
+  };
+
   // Fields that the last pass-through parse kept as flat bytes, or null.
   const std::vector<unsigned char>* passthrough() const { return rep_->passthrough; }
 
@@ -493,6 +508,8 @@ class message {
     else if constexpr (std::is_same_v<W, message_array_id>) return std::vector<message>(v.begin(), v.end());
     else return v;
   }
+  template <class Printer>
+  void dumpTo(Printer& out) const;
   template <bool Checked>
   void writeFlat(internal::FlatWriter<Checked>& w) const;
   void moveRoutingFirst() const;

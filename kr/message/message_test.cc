@@ -3,38 +3,13 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <new>
-
 #include "kr/message/vocabulary.h"
-
-// Counts allocations while armed, to show which operations allocate. The
-// replacement pairs malloc with free on purpose, which g++ cannot see through.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-namespace {
-bool g_counting = false;
-size_t g_allocs = 0;
-}  // namespace
-
-void* operator new(size_t n) {
-  if (g_counting) ++g_allocs;
-  if (void* p = std::malloc(n ? n : 1)) return p;
-  std::abort();
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
+#include "kr/testing/alloc_counter.h"
 
 namespace kr {
 namespace {
 
-struct AllocationCount {
-  AllocationCount() {
-    g_allocs = 0;
-    g_counting = true;
-  }
-  ~AllocationCount() { g_counting = false; }
-  size_t operator()() const { return g_allocs; }
-};
+using AllocationCount = testing::CountAllocations;
 
 constexpr u32_id kA(1);
 constexpr u32_id kB(2);

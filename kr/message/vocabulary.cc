@@ -50,6 +50,11 @@ constexpr Name kErrors[] = {
     {0xFE000D, "ERROR_TIMEOUT"},       {0xFE000E, "ERROR_TOOMUCH"},
 };
 
+constexpr Name kHandlers[] = {
+    {HANDLER_LOADER, "loader"}, {HANDLER_TLS, "tls"},         {HANDLER_NAMES, "names"},
+    {HANDLER_UNDO, "undo"},     {HANDLER_RDOMAIN, "rdomain"}, {HANDLER_TIME, "time"},
+};
+
 template <size_t N>
 const char* lookup(const Name (&table)[N], unsigned int value) {
   for (const Name& n : table)
@@ -62,5 +67,6 @@ const char* lookup(const Name (&table)[N], unsigned int value) {
 const char* fieldName(unsigned int id) { return lookup(kFields, id & 0x00FFFFFF); }
 const char* commandName(unsigned int cmd) { return lookup(kCommands, cmd); }
 const char* errorName(unsigned int code) { return lookup(kErrors, code); }
+const char* handlerName(unsigned int handler) { return lookup(kHandlers, handler); }
 
 }  // namespace kr

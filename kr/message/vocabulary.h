@@ -126,6 +126,17 @@ inline constexpr unsigned int ERROR_BUSY = 0xFE000C;
 inline constexpr unsigned int ERROR_TIMEOUT = 0xFE000D;
 inline constexpr unsigned int ERROR_TOOMUCH = 0xFE000E;
 
+// ---- Well-known handlers ----------------------------------------------------------
+// Handler numbers of the platform's own services, the first element of a
+// path to them. Field and error groups with these numbers print with the
+// service's short name ("loader::3").
+inline constexpr unsigned int HANDLER_LOADER = 1;
+inline constexpr unsigned int HANDLER_TLS = 12;
+inline constexpr unsigned int HANDLER_NAMES = 14;
+inline constexpr unsigned int HANDLER_UNDO = 17;
+inline constexpr unsigned int HANDLER_RDOMAIN = 20;
+inline constexpr unsigned int HANDLER_TIME = 24;
+
 // ---- Names ----------------------------------------------------------------------
 // Each returns the vocabulary's name, or null when the value has none. They
 // never allocate; the texts are static.
@@ -137,5 +148,7 @@ const char* fieldName(unsigned int id);
 const char* commandName(unsigned int cmd);
 // 0xFE000D -> "ERROR_TIMEOUT"; 0 -> "ERROR_OK".
 const char* errorName(unsigned int code);
+// A well-known handler's short name: 1 -> "loader", 14 -> "names".
+const char* handlerName(unsigned int handler);
 
 }  // namespace kr
