@@ -26,6 +26,15 @@ TEST(Vocabulary, IdsCarryTheirKindsAndConstantsTheirValues) {
   EXPECT_EQ(commandName(0xFE0009), nullptr);
   EXPECT_STREQ(errorName(0), "ERROR_OK");
   EXPECT_EQ(errorName(0xFE0008), nullptr);
+  unsigned int v = 0;
+  EXPECT_TRUE(fieldNumber("STD_ADDR_RD", &v));
+  EXPECT_EQ(v, 0xFEFF27u);
+  EXPECT_FALSE(fieldNumber("SYS_NOPE", &v));
+  EXPECT_TRUE(constantValue("ERROR_TIMEOUT", &v));
+  EXPECT_EQ(v, ERROR_TIMEOUT);
+  EXPECT_TRUE(constantValue("DREASON_CRASHED", &v));
+  EXPECT_EQ(v, 1u);
+  EXPECT_FALSE(constantValue("CMD_", &v));
 }
 
 TEST(Protocol, TypeAndRequestId) {

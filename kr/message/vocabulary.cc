@@ -55,6 +55,22 @@ constexpr Name kHandlers[] = {
     {HANDLER_UNDO, "undo"},     {HANDLER_RDOMAIN, "rdomain"}, {HANDLER_TIME, "time"},
 };
 
+constexpr Name kConstants[] = {
+    {TYPE_REQUEST, "TYPE_REQUEST"},       {TYPE_REPLY, "TYPE_REPLY"},   {STATUS_OK, "STATUS_OK"},
+    {STATUS_ERROR, "STATUS_ERROR"},       {DREASON_DISCONNECTED, "DREASON_DISCONNECTED"},
+    {DREASON_CRASHED, "DREASON_CRASHED"},
+};
+
+template <size_t N>
+bool reverse(const Name (&table)[N], std::string_view name, unsigned int* value) {
+  for (const Name& n : table)
+    if (name == n.name) {
+      *value = n.value;
+      return true;
+    }
+  return false;
+}
+
 template <size_t N>
 const char* lookup(const Name (&table)[N], unsigned int value) {
   for (const Name& n : table)
@@ -68,5 +84,11 @@ const char* fieldName(unsigned int id) { return lookup(kFields, id & 0x00FFFFFF)
 const char* commandName(unsigned int cmd) { return lookup(kCommands, cmd); }
 const char* errorName(unsigned int code) { return lookup(kErrors, code); }
 const char* handlerName(unsigned int handler) { return lookup(kHandlers, handler); }
+
+bool fieldNumber(std::string_view name, unsigned int* number) { return reverse(kFields, name, number); }
+
+bool constantValue(std::string_view name, unsigned int* value) {
+  return reverse(kCommands, name, value) || reverse(kErrors, name, value) || reverse(kConstants, name, value);
+}
 
 }  // namespace kr

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "kr/message/message.h"
 
@@ -150,5 +151,12 @@ const char* commandName(unsigned int cmd);
 const char* errorName(unsigned int code);
 // A well-known handler's short name: 1 -> "loader", 14 -> "names".
 const char* handlerName(unsigned int handler);
+
+// The reverse lookups, for tools that read names: false when unknown.
+// "SYS_TO" -> 0xFF0001 (the field number, without kind bits).
+bool fieldNumber(std::string_view name, unsigned int* number);
+// Any named constant value: "CMD_GETALL", "ERROR_TIMEOUT", "TYPE_REPLY",
+// "STATUS_ERROR", "DREASON_CRASHED".
+bool constantValue(std::string_view name, unsigned int* value);
 
 }  // namespace kr
