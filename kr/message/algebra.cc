@@ -19,13 +19,7 @@ void message::merge(const message& other) {
   const Rep* o = other.rep_;
   Rep* r = rep_;
   if (o->single_bool_id == Rep::kNoBool && o->bools) {
-    if (r->single_bool_id != Rep::kNoBool) {
-      r->bools = new internal::htable<bool>();
-      r->bools->get_ref(r->single_bool_id) = r->single_bool != 0;
-      r->single_bool_id = Rep::kNoBool;
-    } else if (!r->bools) {
-      r->bools = new internal::htable<bool>();
-    }
+    if (!r->bools || r->single_bool_id != Rep::kNoBool) makeBoolTable();
     o->bools->for_each([r](uint32_t id, bool v) { r->bools->get_ref(id) = v; });
   } else if (o->single_bool_id != Rep::kNoBool) {
     refBool(o->single_bool_id) = o->single_bool != 0;

@@ -217,56 +217,8 @@ void printScalar(Printer<S>& out, uint32_t id, const T& v) {
 
 // ---- Walking a flat message without parsing it ------------------------------
 
-// One field of a flat form: its id, and its value or where the value lies.
-struct FlatField {
-  uint32_t id = 0;
-  uint32_t kind = 0;
-  uint64_t number = 0;                  // bool, u32, u64
-  const unsigned char* data = nullptr;  // addr6, string, message, raw; array elements
-  uint32_t size = 0;                    // byte length, or an array's element count
-};
-
-// Reads the next field; false at the end or at the first malformed field.
-bool nextFlatField(internal::FlatReader& r, FlatField& f) {
-  if (r.left() < 4) return false;
-  const uint32_t tag = r.u32();
-  const bool shortForm = tag & kind::kFlatBit;
-  f.id = tag & ~kind::kFlatBit;
-  f.kind = tag & kind::kMask;
-  switch (f.kind) {
-    case kind::kBool: f.number = shortForm; return true;
-    case kind::kU32: f.number = shortForm ? r.u8() : r.u32(); break;
-    case kind::kU64: f.number = r.u64(); break;
-    case kind::kAddr6: f.data = r.take(16); break;
-    case kind::kString:
-    case kind::kMessage:
-    case kind::kRaw:
-      f.size = shortForm ? r.u8() : r.u16();
-      f.data = r.take(f.size);
-      break;
-    case kind::kArray | kind::kBool:
-    case kind::kArray | kind::kU32:
-    case kind::kArray | kind::kU64:
-    case kind::kArray | kind::kAddr6: {
-      static constexpr uint32_t kSizes[] = {1, 4, 8, 16};
-      f.size = r.u16();
-      f.data = r.take(size_t(f.size) * kSizes[(f.kind >> 27) & 3]);
-      break;
-    }
-    case kind::kArray | kind::kString:
-    case kind::kArray | kind::kMessage:
-    case kind::kArray | kind::kRaw:
-      f.size = r.u16();
-      f.data = r.pos();
-      for (uint32_t i = 0; i < f.size && r.ok(); ++i) r.take(r.u16());
-      break;
-    default: return false;
-  }
-  return r.ok();
-}
-
 template <class S>
-void printFlatArray(Printer<S>& out, const FlatField& f) {
+void printFlatArray(Printer<S>& out, const internal::FlatField& f) {
   out.arrayStart(f.id, f.size);
   const unsigned char* p = f.data;
   const bool isMessage = f.kind == (kind::kArray | kind::kMessage);
@@ -297,7 +249,7 @@ void printFlatArray(Printer<S>& out, const FlatField& f) {
 }
 
 template <class S>
-void printFlatField(Printer<S>& out, const FlatField& f) {
+void printFlatField(Printer<S>& out, const internal::FlatField& f) {
   switch (f.kind) {
     case kind::kBool: out.boolField(f.id, f.number != 0); break;
     case kind::kU32: out.u32Field(f.id, static_cast<unsigned int>(f.number)); break;
@@ -321,8 +273,8 @@ template <class Want, class F>
 void forEachFlatField(const unsigned char* p, size_t n, Want want, F f) {
   if (n < 2 || p[0] != 0x4D || p[1] != 0x32) return;
   internal::FlatReader r(p + 2, n - 2);
-  FlatField field;
-  while (nextFlatField(r, field))
+  internal::FlatField field;
+  while (internal::nextFlatField(r, field))
     if (want(field.kind)) f(field);
 }
 
@@ -332,16 +284,16 @@ void forEachFlatField(const unsigned char* p, size_t n, Want want, F f) {
 template <class S>
 void printFlat(Printer<S>& out, const unsigned char* p, size_t n) {
   out.header();
-  auto print = [&](const FlatField& f) { printFlatField(out, f); };
+  auto print = [&](const internal::FlatField& f) { printFlatField(out, f); };
   forEachFlatField(p, n, [](uint32_t k) { return k == kind::kBool; }, print);
   forEachFlatField(p, n, [](uint32_t k) { return k == kind::kU32; }, print);
   for (bool arrays : {false, true}) {
     auto inList = [arrays](uint32_t k) { return k != kind::kBool && k != kind::kU32 && kind::isArray(k) == arrays; };
     size_t count = 0;
-    forEachFlatField(p, n, inList, [&](const FlatField&) { ++count; });
+    forEachFlatField(p, n, inList, [&](const internal::FlatField&) { ++count; });
     for (size_t want = count; want > 0; --want) {
       size_t i = 0;
-      forEachFlatField(p, n, inList, [&](const FlatField& f) {
+      forEachFlatField(p, n, inList, [&](const internal::FlatField& f) {
         if (++i == want) print(f);
       });
     }

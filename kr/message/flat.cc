@@ -150,10 +150,11 @@ void message::flatten(unsigned char* buf, unsigned int* len) const {
 }
 
 void message::flatten(std::vector<unsigned char>& out) const {
+  moveRoutingFirst();
   out.resize(max_length());
-  unsigned int len = static_cast<unsigned int>(out.size());
-  flatten(out.data(), &len);
-  out.resize(len);
+  FlatWriter<false> w(out.data(), static_cast<unsigned int>(out.size()));
+  writeFlat(w);
+  out.resize(w.total());
 }
 
 unsigned int message::max_length() const {
@@ -293,8 +294,28 @@ bool message::parseField(FlatReader& r, uint32_t tag) {
   }
 }
 
+namespace {
+
+// The arena a fresh message needs for the nodes of this flat form: a list
+// node for every field outside the two tables, and a bool table when there
+// are two bools or more. Malformed input is sized as far as it reads.
+size_t arenaFor(const unsigned char* data, unsigned int len, flatten_type mode) {
+  FlatReader r(data, len);
+  if (mode != kFlatHeaderless) r.take(2);
+  internal::FlatField f;
+  size_t bytes = 0, bools = 0;
+  while (internal::nextFlatField(r, f)) {
+    if (f.kind == kind::kBool) ++bools;
+    else if (f.kind != kind::kU32) bytes += internal::nodeSize(f.id);
+  }
+  return bytes + (bools > 1 ? (sizeof(internal::htable<bool>) + 7) & ~size_t(7) : 0);
+}
+
+}  // namespace
+
 bool message::unflatten(const unsigned char* data, unsigned int len, flatten_type mode) {
-  detach();
+  if (len != 0 && rep_ == &internal::nilRep) rep_ = Rep::create(arenaFor(data, len, mode));
+  else detach();
   if (len == 0) return true;
   std::vector<unsigned char>* pass = nullptr;
   size_t passed = 0;

@@ -12,19 +12,19 @@ using internal::Rep;
 
 namespace {
 
-void freeList(Node* n) {
+void freeList(Rep& owner, Node* n) {
   while (n) {
     Node* next = n->next;
-    internal::freeNode(n);
+    internal::freeNode(owner, n);
     n = next;
   }
 }
 
 // Copies a list pushing each copy at the head, so the copy is reversed.
-Node* copyListReversed(const Node* n) {
+Node* copyListReversed(const Node* n, Rep& into) {
   Node* head = nullptr;
   for (; n; n = n->next) {
-    Node* c = internal::copyNode(n);
+    Node* c = internal::copyNode(n, into);
     if (!c) continue;
     c->next = head;
     head = c;
@@ -34,19 +34,56 @@ Node* copyListReversed(const Node* n) {
 
 // Unlinks the nodes for which pred(id) holds and frees them.
 template <class Pred>
-void eraseNodes(Node*& head, Pred pred) {
+void eraseNodes(Rep& owner, Node*& head, Pred pred) {
   for (Node** link = &head; *link;) {
     Node* n = *link;
     if (pred(n->id)) {
       *link = n->next;
-      internal::freeNode(n);
+      internal::freeNode(owner, n);
     } else {
       link = &n->next;
     }
   }
 }
 
+size_t listArena(const Node* n) {
+  size_t bytes = 0;
+  for (; n; n = n->next) bytes += internal::nodeSize(n->id);
+  return bytes;
+}
+
+void freeBoolTable(Rep& owner, internal::htable<bool>* t) {
+  if (owner.owns(t)) t->~htable();
+  else delete t;
+}
+
 }  // namespace
+
+namespace internal {
+
+Rep* Rep::create(size_t arena) {
+  if (arena == 0) return new Rep();
+  void* mem = ::operator new(sizeof(Rep) + arena);
+  Rep* r = new (mem) Rep();
+  r->arena_pos = reinterpret_cast<unsigned char*>(r + 1);
+  r->arena_end = r->arena_pos + arena;
+  return r;
+}
+
+void Rep::destroy(Rep* r) {
+  if (r->single_bool_id == kNoBool && r->bools) freeBoolTable(*r, r->bools);
+  freeList(*r, r->fields);
+  freeList(*r, r->arrays);
+  delete r->passthrough;
+  if (r->arena_end) {
+    r->~Rep();
+    ::operator delete(r);
+  } else {
+    delete r;
+  }
+}
+
+}  // namespace internal
 
 message::message(const message& o) : rep_(o.rep_) {
   if (rep_ == &internal::nilRep) return;
@@ -85,37 +122,51 @@ message& message::operator=(const flat_message& data) {
 
 void message::release(Rep* r) {
   if (r == &internal::nilRep || --r->refs != 0) return;
-  if (r->single_bool_id == Rep::kNoBool) delete r->bools;
-  freeList(r->fields);
-  freeList(r->arrays);
-  delete r->passthrough;
-  delete r;
+  Rep::destroy(r);
 }
 
 void message::clone() {
   Rep* old = rep_;
-  Rep* r = new Rep();
-  if (old != &internal::nilRep) {
+  if (old == &internal::nilRep) {
+    rep_ = new Rep();
+    return;
+  }
+  const bool boolTable = old->bools && old->single_bool_id == Rep::kNoBool;
+  // The copy's nodes are known now: carve them all from one allocation.
+  Rep* r = Rep::create((boolTable ? sizeof(internal::htable<bool>) : 0) + listArena(old->fields) +
+                       listArena(old->arrays));
+  {
     r->single_bool_id = old->single_bool_id;
     r->single_bool = old->single_bool;
-    if (old->bools && old->single_bool_id == Rep::kNoBool) r->bools = new internal::htable<bool>(*old->bools);
+    if (boolTable) {
+      void* mem = r->carve(sizeof(internal::htable<bool>));
+      r->bools = new (mem) internal::htable<bool>(*old->bools);
+    }
     r->u32s.assign(old->u32s);
-    r->fields = copyListReversed(old->fields);
-    r->arrays = copyListReversed(old->arrays);
+    r->fields = copyListReversed(old->fields, *r);
+    r->arrays = copyListReversed(old->arrays, *r);
     if (old->passthrough) r->passthrough = new std::vector<unsigned char>(*old->passthrough);
   }
   rep_ = r;
   release(old);
 }
 
+// Moves the inline bool, if any, into a new table.
+void message::makeBoolTable() {
+  Rep* r = rep_;
+  void* mem = r->carve(sizeof(internal::htable<bool>));
+  r->bools = mem ? new (mem) internal::htable<bool>() : new internal::htable<bool>();
+  if (r->single_bool_id != Rep::kNoBool) {
+    r->bools->get_ref(r->single_bool_id) = r->single_bool != 0;
+    r->single_bool_id = Rep::kNoBool;
+  }
+}
+
 bool& message::refBool(uint32_t id) {
   Rep* r = rep_;
   if (r->single_bool_id == id) return reinterpret_cast<bool&>(r->single_bool);
   if (r->single_bool_id != Rep::kNoBool) {
-    // A second bool: both move into a table.
-    r->bools = new internal::htable<bool>();
-    r->bools->get_ref(r->single_bool_id) = r->single_bool != 0;
-    r->single_bool_id = Rep::kNoBool;
+    makeBoolTable();  // a second bool: both live in a table
   } else if (!r->bools) {
     r->single_bool_id = id;
     r->single_bool = 0;
@@ -133,12 +184,12 @@ void message::remove(unsigned int id) {
 
 void message::remove_array(unsigned int id) {
   detach();
-  eraseNodes(rep_->arrays, [id](uint32_t k) { return k == id; });
+  eraseNodes(*rep_, rep_->arrays, [id](uint32_t k) { return k == id; });
 }
 
 void message::remove_field(unsigned int id) {
   detach();
-  eraseNodes(rep_->fields, [id](uint32_t k) { return k == id; });
+  eraseNodes(*rep_, rep_->fields, [id](uint32_t k) { return k == id; });
 }
 
 void message::remove_u32(unsigned int id) {
@@ -190,8 +241,8 @@ void message::removeIdMask(unsigned int value, unsigned int mask) {
   }
   if ((v & ~0x07FFFFFFu) == (mask & kind::kU32)) r->u32s.erase_matching(v, mask);
   auto matches = [v, mask](uint32_t id) { return (id & mask) == v; };
-  eraseNodes(r->fields, matches);
-  eraseNodes(r->arrays, matches);
+  eraseNodes(*r, r->fields, matches);
+  eraseNodes(*r, r->arrays, matches);
 }
 
 flat_message message::toFlat(const message& m) {

@@ -26,6 +26,7 @@
 
 #include <bit>
 #include <iosfwd>
+#include <new>
 #include <concepts>
 #include <cstdint>
 #include <string>
@@ -187,11 +188,39 @@ struct Rep {
   std::vector<unsigned char>* passthrough = nullptr;
   uint32_t refs = 1;
   unsigned char unshareable = 0;
+  // Room behind the Rep in its own allocation, made when the fields are
+  // known in advance (a parse or a clone): their nodes and bool table are
+  // carved from it, so such a message costs one allocation, not one per
+  // field. Carved memory is given back only with the Rep.
+  unsigned char* arena_pos = nullptr;
+  unsigned char* arena_end = nullptr;
 
   constexpr Rep() = default;
   Rep(const Rep&) = delete;
   Rep& operator=(const Rep&) = delete;
+
+  // A new Rep with `arena` bytes of room behind it; freed by destroy().
+  static Rep* create(size_t arena);
+  static void destroy(Rep* r);
+
+  void* carve(size_t n) {
+    n = (n + 7) & ~size_t(7);
+    if (n > size_t(arena_end - arena_pos)) return nullptr;
+    void* p = arena_pos;
+    arena_pos += n;
+    return p;
+  }
+  bool owns(const void* p) const { return p >= static_cast<const void*>(this + 1) && p < arena_end; }
+
+  template <class T>
+  ValueNode<T>* newNode(uint32_t id) {
+    void* mem = carve(sizeof(ValueNode<T>));
+    ValueNode<T>* n = mem ? new (mem) ValueNode<T>() : new ValueNode<T>();
+    n->id = id;
+    return n;
+  }
 };
+static_assert(sizeof(Rep) % 8 == 0, "the arena behind a Rep must stay 8-byte aligned");
 
 // The empty representation shared by every empty message; never counted,
 // freed or written.
@@ -480,6 +509,7 @@ class message {
   }
 
   bool& refBool(uint32_t id);
+  void makeBoolTable();
   template <class T>
   T& refStored(uint32_t id) {
     if constexpr (std::is_same_v<T, bool>) {
@@ -489,8 +519,7 @@ class message {
     } else {
       Node*& head = kind::isArray(id) ? rep_->arrays : rep_->fields;
       if (Node* n = const_cast<Node*>(findNode(head, id))) return static_cast<internal::ValueNode<T>*>(n)->value;
-      auto* n = new internal::ValueNode<T>();
-      n->id = id;
+      auto* n = rep_->newNode<T>(id);
       n->next = head;
       head = n;
       return n->value;

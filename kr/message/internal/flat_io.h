@@ -2,26 +2,42 @@
 // fixed by the format, never by the host.
 #pragma once
 
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
+#include "kr/message/message.h"
+
 namespace kr::internal {
 
-inline void storeLE16(unsigned char* p, uint32_t v) {
-  p[0] = static_cast<unsigned char>(v);
-  p[1] = static_cast<unsigned char>(v >> 8);
+// On a little-endian host these are plain copies; elsewhere the bytes are
+// placed one by one. Either way the wire is little-endian.
+template <class T>
+inline void storeLE(unsigned char* p, T v) {
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(p, &v, sizeof v);
+  } else {
+    for (size_t i = 0; i < sizeof v; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
+  }
 }
-inline void storeLE32(unsigned char* p, uint32_t v) {
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
+template <class T>
+inline T loadLE(const unsigned char* p) {
+  T v;
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(&v, p, sizeof v);
+  } else {
+    v = 0;
+    for (size_t i = 0; i < sizeof v; ++i) v |= T(p[i]) << (8 * i);
+  }
+  return v;
 }
-inline void storeLE64(unsigned char* p, uint64_t v) {
-  for (int i = 0; i < 8; ++i) p[i] = static_cast<unsigned char>(v >> (8 * i));
-}
-inline uint32_t loadLE16(const unsigned char* p) { return p[0] | (uint32_t(p[1]) << 8); }
-inline uint32_t loadLE32(const unsigned char* p) {
-  return p[0] | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24);
-}
-inline uint64_t loadLE64(const unsigned char* p) { return loadLE32(p) | (uint64_t(loadLE32(p + 4)) << 32); }
+inline void storeLE16(unsigned char* p, uint32_t v) { storeLE(p, static_cast<uint16_t>(v)); }
+inline void storeLE32(unsigned char* p, uint32_t v) { storeLE(p, v); }
+inline void storeLE64(unsigned char* p, uint64_t v) { storeLE(p, v); }
+inline uint32_t loadLE16(const unsigned char* p) { return loadLE<uint16_t>(p); }
+inline uint32_t loadLE32(const unsigned char* p) { return loadLE<uint32_t>(p); }
+inline uint64_t loadLE64(const unsigned char* p) { return loadLE<uint64_t>(p); }
 
 // Writes into a buffer whose size was found by max_length(). When Checked,
 // bytes beyond the room are counted but not written.
@@ -114,5 +130,53 @@ class FlatReader {
   const unsigned char* end_;
   bool ok_ = true;
 };
+
+// One field of a flat form: its id, and its value or where the value lies.
+struct FlatField {
+  uint32_t id = 0;
+  uint32_t kind = 0;
+  uint64_t number = 0;                  // bool, u32, u64
+  const unsigned char* data = nullptr;  // addr6, string, message, raw; array elements
+  uint32_t size = 0;                    // byte length, or an array's element count
+};
+
+// Reads the next field; false at the end or at the first malformed field.
+inline bool nextFlatField(FlatReader& r, FlatField& f) {
+  if (r.left() < 4) return false;
+  const uint32_t tag = r.u32();
+  const bool shortForm = tag & kind::kFlatBit;
+  f.id = tag & ~kind::kFlatBit;
+  f.kind = tag & kind::kMask;
+  switch (f.kind) {
+    case kind::kBool: f.number = shortForm; return true;
+    case kind::kU32: f.number = shortForm ? r.u8() : r.u32(); break;
+    case kind::kU64: f.number = r.u64(); break;
+    case kind::kAddr6: f.data = r.take(16); break;
+    case kind::kString:
+    case kind::kMessage:
+    case kind::kRaw:
+      f.size = shortForm ? r.u8() : r.u16();
+      f.data = r.take(f.size);
+      break;
+    case kind::kArray | kind::kBool:
+    case kind::kArray | kind::kU32:
+    case kind::kArray | kind::kU64:
+    case kind::kArray | kind::kAddr6: {
+      static constexpr uint32_t kSizes[] = {1, 4, 8, 16};
+      f.size = r.u16();
+      f.data = r.take(size_t(f.size) * kSizes[(f.kind >> 27) & 3]);
+      break;
+    }
+    case kind::kArray | kind::kString:
+    case kind::kArray | kind::kMessage:
+    case kind::kArray | kind::kRaw:
+      f.size = r.u16();
+      f.data = r.pos();
+      for (uint32_t i = 0; i < f.size && r.ok(); ++i) r.take(r.u16());
+      break;
+    default: return false;
+  }
+  return r.ok();
+}
 
 }  // namespace kr::internal
