@@ -311,3 +311,34 @@ TEST(Flat, EveryKindRoundTripsThroughNestedMessages) {
 
 }  // namespace
 }  // namespace kr
+
+namespace kr {
+namespace {
+
+// A parsed message keeps its nodes in one block; editing it afterwards must
+// work as on any other message (removal, replacement, growth, clone).
+TEST(Flat, ParsedMessagesStayFullyEditable) {
+  message src;
+  for (unsigned n = 1; n <= 4; ++n) {
+    src.insert(bool_id(n), n % 2);
+    src.insert(string_id(n), std::string(30, char('a' + n)));
+    src.insert(u32_array_id(n), std::vector<unsigned>(n, n));
+  }
+  message m(flat(src));
+  ASSERT_EQ(m, src);
+  m.remove(string_id(2));
+  m.remove(bool_id(1));
+  m.insert(string_id(3), "replaced");
+  m.insert(string_id(9), "added");
+  for (unsigned n = 10; n < 40; ++n) m.insert(bool_id(n), true);  // the bool table outgrows its slots
+  message copy = m;  // parsed: a private copy
+  copy.remove(u32_array_id(4));
+  EXPECT_EQ(m.get(string_id(3)), "replaced");
+  EXPECT_FALSE(m.has(string_id(2)));
+  EXPECT_EQ(m.count(), src.count() - 2 + 1 + 30);
+  EXPECT_EQ(copy.count(), m.count() - 1);
+  EXPECT_EQ(message(flat(m)), m);
+}
+
+}  // namespace
+}  // namespace kr
