@@ -318,12 +318,26 @@ bool message::unflatten(const unsigned char* data, unsigned int len, flatten_typ
   else detach();
   if (len == 0) return true;
   std::vector<unsigned char>* pass = nullptr;
-  size_t passed = 0;
   if (mode == kFlatPassThrough) {
     if (!rep_->passthrough) rep_->passthrough = new std::vector<unsigned char>();
     pass = rep_->passthrough;
     pass->resize(len);
   }
+  size_t passed = 0;
+  const bool ok = parseFields(data, len, mode, pass ? pass->data() : nullptr, &passed);
+  if (pass) {
+    pass->resize(passed);  // also after a failure: only whole fields stay
+  } else if (ok && rep_->passthrough) {
+    delete rep_->passthrough;
+    rep_->passthrough = nullptr;
+  }
+  return ok;
+}
+
+// Parses every field, copying those marked for pass-through to `pass` (when
+// not null) and counting their bytes in *passed.
+bool message::parseFields(const unsigned char* data, unsigned int len, flatten_type mode, unsigned char* pass,
+                          size_t* passed) {
   FlatReader r(data, len);
   if (mode != kFlatHeaderless) {
     const unsigned char* m = r.take(2);
@@ -334,22 +348,15 @@ bool message::unflatten(const unsigned char* data, unsigned int len, flatten_typ
     const uint32_t tag = r.u32();
     if (pass && (tag & kind::kPassBit)) {
       if (!skipPassthrough(r, tag)) return false;
-      std::memcpy(pass->data() + passed, start, r.pos() - start);
-      passed += r.pos() - start;
+      std::memcpy(pass + *passed, start, r.pos() - start);
+      *passed += r.pos() - start;
       continue;
     }
     if (!parseField(r, tag)) return false;
     // Parsed fields are written as through a mutable reference.
     rep_->unshareable = 1;
   }
-  if (r.left() != 0) return false;
-  if (pass) {
-    pass->resize(passed);
-  } else if (rep_->passthrough) {
-    delete rep_->passthrough;
-    rep_->passthrough = nullptr;
-  }
-  return true;
+  return r.left() == 0;
 }
 
 }  // namespace kr

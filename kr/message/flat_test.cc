@@ -269,6 +269,11 @@ TEST(Flat, PassThroughKeepsMarkedFieldsAsFlatBytes) {
   EXPECT_EQ(normal.get(u32_id(0x02000001)), 7u);
   EXPECT_EQ(normal.passthrough(), nullptr);
 
+  // A failed pass-through parse keeps only the whole fields before the error.
+  message broken;
+  ASSERT_FALSE(parse(broken, cat({kMagic, tag(0x0B000001), {5}, tag(0x10000001), {1}}), kFlatPassThrough));
+  EXPECT_EQ(*broken.passthrough(), cat({tag(0x0B000001), {5}}));
+
   // A later normal parse drops the pass-through bytes.
   ASSERT_TRUE(parse(m, kMagic));
   EXPECT_EQ(m.passthrough(), nullptr);

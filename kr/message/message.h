@@ -543,6 +543,8 @@ class message {
   void writeFlat(internal::FlatWriter<Checked>& w) const;
   void moveRoutingFirst() const;
   bool parseField(internal::FlatReader& r, uint32_t tag);
+  bool parseFields(const unsigned char* data, unsigned int len, flatten_type mode, unsigned char* pass,
+                   size_t* passed);
   template <class E>
   bool storeArray(internal::FlatReader& r, uint32_t id);
   static flat_message toFlat(const message& m);
