@@ -22,7 +22,7 @@ void message::merge(const message& other) {
     if (!r->bools || r->single_bool_id != Rep::kNoBool) makeBoolTable();
     o->bools->for_each([r](uint32_t id, bool v) { r->bools->get_ref(id) = v; });
   } else if (o->single_bool_id != Rep::kNoBool) {
-    refBool(o->single_bool_id) = o->single_bool != 0;
+    refBool(o->single_bool_id) = o->single_bool;
   }
   o->u32s.for_each([r](uint32_t id, unsigned int v) { r->u32s.get_ref(id) = v; });
   for (const Node* n = o->fields; n; n = n->next)

@@ -41,7 +41,7 @@ void message::forEachCommon(const message& other, F&& f) const {
     const bool* p = findBool(id);
     if (p && *p == v) f(id);
   };
-  if (o->single_bool_id != Rep::kNoBool) boolCommon(o->single_bool_id, o->single_bool != 0);
+  if (o->single_bool_id != Rep::kNoBool) boolCommon(o->single_bool_id, o->single_bool);
   else if (o->bools) o->bools->for_each(boolCommon);
   o->u32s.for_each([&](uint32_t id, unsigned int v) {
     const unsigned int* p = rep_->u32s.find(id);

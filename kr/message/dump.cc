@@ -318,7 +318,7 @@ template <class P>
 void message::dumpTo(P& out) const {
   const Rep* r = rep_;
   out.header();
-  if (r->single_bool_id != Rep::kNoBool) out.boolField(r->single_bool_id, r->single_bool != 0);
+  if (r->single_bool_id != Rep::kNoBool) out.boolField(r->single_bool_id, r->single_bool);
   else if (r->bools) r->bools->for_each([&](uint32_t id, bool v) { out.boolField(id, v); });
   r->u32s.for_each([&](uint32_t id, unsigned int v) { out.u32Field(id, v); });
   for (const Node* n = r->fields; n; n = n->next)

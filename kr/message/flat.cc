@@ -117,7 +117,7 @@ void message::writeFlat(FlatWriter<C>& w) const {
       if constexpr (kIsArray<std::remove_cvref_t<decltype(v)>>) writeArray(w, n->id, v);
     });
   auto writeBool = [&](uint32_t id, bool v) { w.u32(v ? id | kind::kFlatBit : id & ~kind::kFlatBit); };
-  if (r->single_bool_id != Rep::kNoBool) writeBool(r->single_bool_id, r->single_bool != 0);
+  if (r->single_bool_id != Rep::kNoBool) writeBool(r->single_bool_id, r->single_bool);
   else if (r->bools) r->bools->for_each(writeBool);
   r->u32s.for_each([&](uint32_t id, unsigned int v) {
     if (v > 255) {

@@ -157,20 +157,20 @@ void message::makeBoolTable() {
   void* mem = r->carve(sizeof(internal::htable<bool>));
   r->bools = mem ? new (mem) internal::htable<bool>() : new internal::htable<bool>();
   if (r->single_bool_id != Rep::kNoBool) {
-    r->bools->get_ref(r->single_bool_id) = r->single_bool != 0;
+    r->bools->get_ref(r->single_bool_id) = r->single_bool;
     r->single_bool_id = Rep::kNoBool;
   }
 }
 
 bool& message::refBool(uint32_t id) {
   Rep* r = rep_;
-  if (r->single_bool_id == id) return reinterpret_cast<bool&>(r->single_bool);
+  if (r->single_bool_id == id) return r->single_bool;
   if (r->single_bool_id != Rep::kNoBool) {
     makeBoolTable();  // a second bool: both live in a table
   } else if (!r->bools) {
     r->single_bool_id = id;
-    r->single_bool = 0;
-    return reinterpret_cast<bool&>(r->single_bool);
+    r->single_bool = false;
+    return r->single_bool;
   }
   return r->bools->get_ref(id);
 }

@@ -184,7 +184,7 @@ struct Rep {
   Node* fields = nullptr;         // u64, addr6, string, message, raw
   Node* arrays = nullptr;
   uint32_t single_bool_id = kNoBool;
-  unsigned char single_bool = 0;
+  bool single_bool = false;
   std::vector<unsigned char>* passthrough = nullptr;
   uint32_t refs = 1;
   unsigned char unshareable = 0;
@@ -493,7 +493,7 @@ class message {
   }
   const bool* findBool(uint32_t id) const {
     if (rep_->single_bool_id != Rep::kNoBool)
-      return rep_->single_bool_id == id ? reinterpret_cast<const bool*>(&rep_->single_bool) : nullptr;
+      return rep_->single_bool_id == id ? &rep_->single_bool : nullptr;
     return rep_->bools ? rep_->bools->find(id) : nullptr;
   }
   template <class T>
