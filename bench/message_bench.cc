@@ -3,6 +3,11 @@
 // benchmark also reports operator-new calls per iteration ("allocs"); at
 // the end a table prints the times side by side with their ratios.
 #include <benchmark/benchmark.h>
+#if defined(__x86_64__) || defined(__i386__)
+#include <x86intrin.h>
+#else
+static unsigned long long __rdtsc() { return 0; }  // no cycle counter: cycles/byte reads 0
+#endif
 
 #include <array>
 #include <cstdint>
@@ -18,7 +23,7 @@
 #include <msgpack.hpp>
 
 #include "config_object.pb.h"
-#include "kr/message/message.h"
+#include "kr/kr.h"
 
 // ---- Allocation counter --------------------------------------------------------
 // Replacing the global operator new in the executable also catches the calls
@@ -361,6 +366,53 @@ void SetU32Kr(benchmark::State& st) {
   });
 }
 
+// Equality of two equal objects that do not share a representation.
+void EqualKr(benchmark::State& st) {
+  const kr::message a = makeKr(kV), b = makeKr(kV);
+  if (!(a == b)) die("equal objects compare unequal");
+  timed(st, [&] { benchmark::DoNotOptimize(a == b); });
+}
+
+// A configuration change of three fields applied with its undo record.
+void MergeKr(benchmark::State& st) {
+  kr::message change;
+  change.insert(kMtu, 1500u);
+  change.insert(kDescr, std::string("uplink to core-sw-02"));
+  change.insert(kr::u32_id(40), 7u);
+  timed(st, [&] {
+    kr::message obj = F->kr;
+    kr::message undo;
+    kr::merge(obj, change, undo);
+    benchmark::DoNotOptimize(undo);
+  });
+}
+
+// The allocation-free dump, as a crash report writes it.
+void DumpKr(benchmark::State& st) {
+  char buf[4096];
+  timed(st, [&] {
+    kr::Dumper d(buf, sizeof buf);
+    F->kr.dump2(d, "", 0);
+    benchmark::DoNotOptimize(d.position());
+  });
+}
+
+// SipHash over st.range(0) bytes; cycles per byte from the time stamp
+// counter, which runs at the nominal clock rate.
+template <unsigned OutLen>
+void SipHashKr(benchmark::State& st) {
+  std::vector<unsigned char> in(static_cast<size_t>(st.range(0)), 0xA5);
+  unsigned char key[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}, out[16];
+  const unsigned long long start = __rdtsc();
+  timed(st, [&] {
+    kr::siphash(in.data(), static_cast<unsigned>(in.size()), key, out, OutLen);
+    benchmark::DoNotOptimize(out);
+  });
+  st.counters["cycles/B"] =
+      double(__rdtsc() - start) / double(st.iterations()) / double(in.size());
+  st.SetBytesProcessed(int64_t(st.iterations()) * st.range(0));
+}
+
 // ---- Ratio table ---------------------------------------------------------------------------
 // Prints the console output as usual and keeps ns and allocs per run (the
 // median when repeated) for a side-by-side table at the end.
@@ -374,8 +426,10 @@ class RatioReporter : public benchmark::ConsoleReporter {
       if (r.error_occurred) continue;
       if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
       auto allocs = r.counters.find("allocs");
+      auto cpb = r.counters.find("cycles/B");
       results_[r.run_name.function_name] = {r.GetAdjustedRealTime(),
-                                            allocs == r.counters.end() ? -1.0 : double(allocs->second)};
+                                            allocs == r.counters.end() ? -1.0 : double(allocs->second),
+                                            cpb == r.counters.end() ? 0.0 : double(cpb->second)};
     }
     ConsoleReporter::ReportRuns(runs);
   }
@@ -395,14 +449,18 @@ class RatioReporter : public benchmark::ConsoleReporter {
                   o.starts_with("decode") ? " (msgpack: + its zone chunk, malloc'd)" : "");
     }
     std::printf("\nkr only:\n");
-    for (const char* n : {"encode_vector/kr", "copy_decoded/kr", "copy_fields_100/kr",
-                          "get_u32/kr", "get_string/kr", "get_bool/kr", "set_u32/kr"})
+    for (const char* n : {"encode_vector/kr", "copy_decoded/kr", "copy_fields_100/kr", "get_u32/kr",
+                          "get_string/kr", "get_bool/kr", "set_u32/kr", "equal/kr", "merge_undo/kr",
+                          "dump_dumper/kr"})
       if (results_.count(n)) std::printf("  %-20s %8.1f ns  %5.2f allocs/op\n", n, ns(n), allocs(n));
+    for (const auto& [name, r] : results_)
+      if (name.starts_with("siphash"))
+        std::printf("  %-20s %8.1f ns  %5.2f cycles/byte\n", name.c_str(), r.ns, r.cyclesPerByte);
   }
 
  private:
   struct Result {
-    double ns, allocs;
+    double ns, allocs, cyclesPerByte;
   };
   std::map<std::string, Result> results_;
 };
@@ -435,6 +493,13 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("get_string/kr", GetStringKr);
   benchmark::RegisterBenchmark("get_bool/kr", GetBoolKr);
   benchmark::RegisterBenchmark("set_u32/kr", SetU32Kr);
+  benchmark::RegisterBenchmark("equal/kr", EqualKr);
+  benchmark::RegisterBenchmark("merge_undo/kr", MergeKr);
+  benchmark::RegisterBenchmark("dump_dumper/kr", DumpKr);
+  for (int size : {16, 64, 1024}) {
+    benchmark::RegisterBenchmark(("siphash64/" + std::to_string(size)).c_str(), SipHashKr<8>)->Arg(size);
+    benchmark::RegisterBenchmark(("siphash128/" + std::to_string(size)).c_str(), SipHashKr<16>)->Arg(size);
+  }
 
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
