@@ -96,7 +96,7 @@ message& message::operator=(const message& o) {
   if (o.rep_ != &internal::nilRep) ++o.rep_->refs;
   rep_ = o.rep_;
   release(old);
-  if (rep_->unshareable) clone();
+  if (rep_->unshareable) detach();  // self-assignment leaves a sole owner as it is
   return *this;
 }
 

@@ -159,6 +159,17 @@ TEST(Message, AMutableReferenceMakesTheNextCopyPrivate) {
   EXPECT_TRUE(m4.sharesWith(m2));
 }
 
+TEST(Message, SelfAssignmentKeepsASoleOwnersReferencesValid) {
+  message m;
+  m.insert(string_id(1), "a");
+  std::string& s = m[string_id(2)];
+  const std::vector<unsigned int> order = m.ids();
+  m = *&m;
+  s = "still mine";  // a clone would have left this reference dangling
+  EXPECT_EQ(m.get(string_id(2)), "still mine");
+  EXPECT_EQ(m.ids(), order);
+}
+
 TEST(Message, RefCreatesAbsentFieldsWithZeroValues) {
   message m;
   EXPECT_EQ(m.ref<std::string>(kName.id), "");
