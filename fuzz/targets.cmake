@@ -11,4 +11,5 @@
 set(KR_FUZZ_TARGETS
   flat kr/message/flat_fuzzer.cc
   encoding kr/message/encoding_fuzzer.cc
+  msgjson tools/kr-msg/msgjson_fuzzer.cc
 )
