@@ -4,6 +4,12 @@
 
 #include "kr/base/ipaddr.h"
 #include "kr/base/macaddr.h"
+#include "kr/loop/child.h"
+#include "kr/loop/clock.h"
+#include "kr/loop/crash.h"
+#include "kr/loop/function.h"
+#include "kr/loop/runner.h"
+#include "kr/loop/thinrunner.h"
 #include "kr/message/dump.h"
 #include "kr/message/encoding.h"
 #include "kr/message/message.h"
@@ -11,3 +17,4 @@
 #include "kr/message/protocol.h"
 #include "kr/message/siphash.h"
 #include "kr/message/vocabulary.h"
+#include "kr/util/runtime_dir.h"

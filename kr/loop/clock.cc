@@ -22,18 +22,14 @@ const TestClock* g_testClock = nullptr;
 unsigned int getJiffies() {
   if (g_testClock) return g_testClock->now();
   if (g_jiffiesPage) return *g_jiffiesPage + kJiffiesOffset;
+  // The coarse clock is read without a system call and its resolution (a
+  // few milliseconds) is finer than a tick.
   timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
   return static_cast<unsigned int>(ts.tv_sec * 100 + ts.tv_nsec / 10000000) + kJiffiesOffset;
 }
 
 unsigned int getUptime() { return getJiffies() / 100; }
-
-int compareTicks(unsigned int now, unsigned int a, unsigned int b) {
-  if (a == b) return 0;
-  const unsigned int base = now - 359999;
-  return a - base > b - base ? 1 : -1;
-}
 
 void mapJiffiesPage() {
   const int fd = open("/dev/jiffies", O_RDONLY | O_CLOEXEC);

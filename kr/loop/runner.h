@@ -22,7 +22,9 @@ namespace kr {
 
 class Runner : public ThinRunner {
  public:
-  // How a signal is handled. Every signal starts in kSaved.
+  // How a signal is handled. Every signal starts in kSaved. Going back to
+  // kSaved restores the saved handler only, under the runner's flags
+  // SA_RESTART | SA_NOCLDSTOP (plus SA_SIGINFO for a siginfo handler).
   enum RunnerSigaction : unsigned int {
     kIgnore = 0,   // SIG_IGN
     kDefault = 1,  // SIG_DFL
@@ -33,18 +35,21 @@ class Runner : public ThinRunner {
   using SiginfoCallback = function<void(int sig, siginfo_t* info)>;
 
   Runner();
+  // Runs shutdown(), puts any signal still in kPipe back to kSaved (which
+  // closes the pipe) and clears the process-wide runner.
   ~Runner() override;
 
-  // Installs the kernel action for `mode`. False for sig above 63 or when
-  // sigaction() fails.
+  // Installs the kernel action for `mode`. False for a signal outside 0..63
+  // or when sigaction() fails (nothing changes then).
   bool setSigaction(int sig, RunnerSigaction mode);
   // Sets the plain callback of sig (clearing its siginfo callback); with
-  // `install` also setSigaction(sig, kPipe). False only for sig above 63.
+  // `install` also setSigaction(sig, kPipe). False only for a signal outside
+  // 0..63: the callback stays set even if sigaction() fails.
   bool addSighandler(int sig, bool install, SignalCallback cb);
   // The same for a callback that also receives the siginfo record.
   bool addSigaction(int sig, bool install, SiginfoCallback cb);
   // With `restore`, first setSigaction(sig, kSaved); then clears both
-  // callbacks. False only for sig above 63.
+  // callbacks. False only for a signal outside 0..63.
   bool removeSighandler(int sig, bool restore);
 
   // The self-pipe exists exactly while some signal is in kPipe mode.
