@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Installs the comparison peers of the benchmark from Debian: protobuf
-# (protoc and the C++ library) and msgpack-cxx (header-only). They are only
-# linked into the benchmark binary, never into libkr. Safe to run again.
+# Installs the comparison peers of the benchmarks from Debian: protobuf
+# (protoc and the C++ library) and msgpack-cxx (header-only) for
+# kr_bench_message, libuv and libevent for kr_bench_loop, and Google
+# Benchmark. They are only linked into the benchmark binaries, never into
+# libkr. Safe to run again.
 set -euo pipefail
 
-pkgs=(protobuf-compiler libprotobuf-dev libmsgpack-cxx-dev libbenchmark-dev)
+pkgs=(protobuf-compiler libprotobuf-dev libmsgpack-cxx-dev libbenchmark-dev libuv1-dev libevent-dev pkg-config)
 
 missing=()
 for p in "${pkgs[@]}"; do
