@@ -1,6 +1,7 @@
 #include "kr/loop/child.h"
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,50 +13,23 @@
 
 namespace {
 
-// A real child process. It exits with `code` once released; a negative
-// code makes it sleep until a signal ends it.
-struct Kid {
-  int pid = -1;
-  int gate = -1;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
 
-  explicit Kid(int code) {
-    int fds[2];
-    if (pipe(fds) != 0) std::abort();
-    pid = fork();
-    if (pid == 0) {
-      close(fds[1]);
-      char c;
-      if (code < 0) {
-        for (;;) pause();
-      }
-      _exit(read(fds[0], &c, 1) == 1 ? code : 99);
-    }
-    close(fds[0]);
-    gate = fds[1];
-  }
-  ~Kid() {
-    if (gate >= 0) close(gate);
-  }
-  // A byte, not EOF: later kids hold copies of this gate.
-  void release() {
-    if (write(gate, "x", 1) != 1) std::abort();
-  }
-  std::string str() const { return std::to_string(pid); }
-};
+// A real child process; it lives until a signal ends it, at the latest
+// when the test process dies.
+int spawn() {
+  const int pid = fork();
+  if (pid < 0) std::abort();  // never kill(-1, ...)
+  if (pid == 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) == 0) for (;;) pause();
+  if (pid == 0) _exit(1);
+  return pid;
+}
 
 struct Recorder : Parent {
   std::vector<std::pair<int, Child*>> died;
   void childDied(int status, Child* child) override { died.emplace_back(status, child); }
 };
-
-template <class F>
-bool stepUntil(kr::Runner& r, F done) {
-  for (int i = 0; i < 200 && !done(); ++i) {
-    r.step(false);
-    if (!done()) usleep(10000);
-  }
-  return done();
-}
 
 // Every test leaves no SIGCHLD handler, no registered socket and no child.
 class ParentTest : public ::testing::Test {
@@ -72,115 +46,69 @@ class ParentTest : public ::testing::Test {
     runner_.reset();
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child left behind";
   }
+  template <class F>
+  bool stepUntil(F done) {
+    for (int i = 0; i < 200 && !done(); ++i) runner_->step(false), usleep(10000);
+    return done();
+  }
 
   std::unique_ptr<kr::Runner> runner_;
   struct sigaction before_ {};
 };
 
-TEST_F(ParentTest, ReapsAnExitedChildAndReportsItsStatus) {
+// Parent reaps with waitpid(-1): children it was not told about are reaped
+// too, and reported even when it is quiet. A second entry for a pid replaces
+// the first; the handler stays until the last child is gone.
+TEST_F(ParentTest, ReapsKillsAndSignalsItsChildrenAndReportsStrangers) {
   Recorder parent;
+  const int first = spawn(), second = spawn(), third = spawn(), stranger = spawn();
+  Child a(first), replaced(first), b(second), c(third);
   parent.verbose = true;
-  Kid kid(3);
-  Child child(kid.pid);
-  testing::internal::CaptureStdout();
-  parent.addChild(&child);
-  kid.release();
-  const bool died = stepUntil(*runner_, [&] { return !parent.died.empty(); });
-  const std::string out = testing::internal::GetCapturedStdout();
-  ASSERT_TRUE(died);
-  EXPECT_TRUE(WIFEXITED(parent.died[0].first));
-  EXPECT_EQ(WEXITSTATUS(parent.died[0].first), 3);
-  EXPECT_EQ(parent.died[0].second, &child);
-  EXPECT_EQ(out, "addChild: " + kid.str() + "\nsigChild: child died " + kid.str() + " status 0x300\n");
-  EXPECT_TRUE(parent.children().empty());
-}
-
-TEST_F(ParentTest, TheHandlerStaysUntilTheLastChildDies) {
-  Recorder parent;
-  Kid first(1), second(2);
-  Child a(first.pid), replaced(first.pid), b(second.pid);
-  parent.addChild(&a);
-  parent.addChild(&replaced);
-  parent.addChild(&b);
-  first.release();
-  ASSERT_TRUE(stepUntil(*runner_, [&] { return parent.died.size() == 1; }));
-  EXPECT_EQ(parent.died[0].second, &replaced);
-  EXPECT_EQ(runner_->socketCount(), 1u);
-  second.release();
-  ASSERT_TRUE(stepUntil(*runner_, [&] { return parent.died.size() == 2; }));
-  EXPECT_EQ(WEXITSTATUS(parent.died[1].first), 2);
-}
-
-TEST_F(ParentTest, KillChildKillsWithoutCallingChildDied) {
-  Recorder parent;
-  Kid kid(-1);
-  Child child(kid.pid);
-  parent.addChild(&child);
-  parent.verbose = true;
-  testing::internal::CaptureStdout();
-  const bool killed = parent.killChild(kid.pid);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "killChild: killing " + kid.str() + "\n");
-  EXPECT_TRUE(killed);
-  EXPECT_EQ(waitpid(kid.pid, nullptr, WNOHANG), -1);  // reaped already
-  EXPECT_TRUE(parent.children().empty());
-  for (int i = 0; i < 5; ++i) runner_->step(false);
-  EXPECT_TRUE(parent.died.empty());
-}
-
-TEST_F(ParentTest, UnknownPidsAreReportedEvenWhenQuiet) {
-  Recorder parent;
-  Kid known(-1);
-  Child child(known.pid);
-  parent.addChild(&child);
-  Kid stranger(0);
-  testing::internal::CaptureStdout();
-  stranger.release();
-  stepUntil(*runner_, [&] { return kill(stranger.pid, 0) != 0; });  // a zombie still answers
-  const std::string me = std::to_string(getpid());
+  CaptureStdout();
+  for (Child* child : {&a, &replaced, &b, &c}) parent.addChild(child);
+  parent.verbose = false;
+  kill(stranger, SIGKILL);
+  stepUntil([&] { return kill(stranger, 0) != 0; });  // a zombie still answers
   EXPECT_FALSE(parent.killChild(-1));
   EXPECT_FALSE(parent.sendSignal(-1, SIGTERM));
   EXPECT_FALSE(parent.killChild(getpid()));
   EXPECT_FALSE(parent.sendSignal(getpid(), SIGTERM));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "sigChld: unknown child died " + stranger.str() +
-                                                        "\nkillChild: pid not found: " + me +
-                                                        "\nsendSignal: pid not found: " + me + "\n");
-  EXPECT_TRUE(parent.died.empty());
-  EXPECT_TRUE(parent.killChild(known.pid));
-}
-
-TEST_F(ParentTest, SendSignalReachesAChild) {
-  Recorder parent;
-  Kid kid(-1);
-  Child child(kid.pid);
-  parent.addChild(&child);
-  EXPECT_TRUE(parent.sendSignal(kid.pid, SIGTERM));
-  ASSERT_TRUE(stepUntil(*runner_, [&] { return !parent.died.empty(); }));
-  EXPECT_TRUE(WIFSIGNALED(parent.died[0].first));
-  EXPECT_EQ(WTERMSIG(parent.died[0].first), SIGTERM);
+  parent.verbose = true;
+  EXPECT_TRUE(parent.killChild(third));  // reaped at once, and no childDied()
+  EXPECT_EQ(waitpid(third, nullptr, WNOHANG), -1);
+  EXPECT_TRUE(parent.sendSignal(first, SIGTERM));
+  const bool reaped = stepUntil([&] { return parent.died.size() == 1; });
+  auto s = [](int pid) { return std::to_string(pid); };
+  const std::string me = s(getpid());
+  EXPECT_EQ(GetCapturedStdout(), "addChild: " + s(first) + "\naddChild: " + s(first) + "\naddChild: " + s(second) +
+                                     "\naddChild: " + s(third) + "\nsigChld: unknown child died " + s(stranger) +
+                                     "\nkillChild: pid not found: " + me + "\nsendSignal: pid not found: " + me +
+                                     "\nkillChild: killing " + s(third) + "\nsigChild: child died " + s(first) +
+                                     " status 0xf\n");
+  ASSERT_TRUE(reaped);
+  EXPECT_TRUE(WIFSIGNALED(parent.died[0].first) && WTERMSIG(parent.died[0].first) == SIGTERM);
+  EXPECT_EQ(parent.died[0].second, &replaced);
+  EXPECT_EQ(runner_->socketCount(), 1u);
+  kill(second, SIGKILL);
+  ASSERT_TRUE(stepUntil([&] { return parent.died.size() == 2; }));
+  EXPECT_EQ(parent.died[1].second, &b);
+  EXPECT_TRUE(parent.children().empty());
 }
 
 // The Parent goes away inside its own callback, with a child still
 // registered: reaping stops and the handler is given back.
 TEST_F(ParentTest, ChildDiedMayDestroyTheParent) {
-  struct SelfDeleting : Parent {
-    int* deaths;
-    explicit SelfDeleting(int* d) : deaths(d) {}
-    void childDied(int, Child*) override {
-      ++*deaths;
-      delete this;
-    }
-  };
-  int deaths = 0;
-  auto* parent = new SelfDeleting(&deaths);
-  Kid first(0), second(0);
-  Child a(first.pid), b(second.pid);
+  static int deaths;
+  deaths = 0;
+  struct SelfDeleting : Parent { void childDied(int, Child*) override { ++deaths, delete this; } };
+  auto* parent = new SelfDeleting;
+  const int first = spawn(), second = spawn();
+  Child a(first), b(second);
   parent->addChild(&a);
   parent->addChild(&b);
-  first.release();
-  second.release();
   siginfo_t info;
-  for (int pid : {first.pid, second.pid}) waitid(P_PID, pid, &info, WEXITED | WNOWAIT);  // both dead
-  ASSERT_TRUE(stepUntil(*runner_, [&] { return deaths > 0; }));
+  for (int pid : {first, second}) kill(pid, SIGKILL), waitid(P_PID, pid, &info, WEXITED | WNOWAIT);  // both dead
+  ASSERT_TRUE(stepUntil([&] { return deaths > 0; }));
   for (int i = 0; i < 5; ++i) runner_->step(false);
   EXPECT_EQ(deaths, 1);
   EXPECT_GT(waitpid(-1, nullptr, 0), 0);  // the other one is ours to reap
