@@ -12,4 +12,5 @@ set(KR_FUZZ_TARGETS
   flat kr/message/flat_fuzzer.cc
   encoding kr/message/encoding_fuzzer.cc
   msgjson tools/kr-msg/msgjson_fuzzer.cc
+  loader_frame platform/loader/frame_fuzzer.cc
 )

@@ -1,0 +1,62 @@
+// The loader's side of the bus protocol, as constants: bus addresses,
+// control codes, the fields of the hello, the ready message and the leave
+// message, and the policy bits the loader grants. docs/loader.md tells the
+// whole protocol; the loader, its tests and its test daemon share this one
+// header.
+#pragma once
+
+#include <cstdint>
+
+#include "kr/message/message.h"
+
+namespace kr::loader {
+
+// ---- Addresses: the first element of SYS_TO --------------------------------
+inline constexpr uint32_t kLoaderAddress = 1;          // the loader itself
+inline constexpr uint32_t kBroadcastAddress = 0xFF0001;  // every process but the sender
+inline constexpr uint32_t kListAddress = 0xFF0002;       // a list of paths follows
+inline constexpr uint32_t kSelfAddress = 0xFF0003;       // "this process"; never leaves it
+// Fixed addresses, named in the hello; only a trusted peer may take one.
+inline constexpr uint32_t kFixedFirst = 2;
+inline constexpr uint32_t kFixedLast = 0xFFFF;
+// Addresses the loader hands out to a hello that asks for address 0.
+inline constexpr uint32_t kDynamicFirst = 0x10000;
+inline constexpr uint32_t kDynamicLast = 0x1FFFF;
+
+inline constexpr bool isFixedAddress(uint32_t a) { return a >= kFixedFirst && a <= kFixedLast; }
+inline constexpr bool isDynamicAddress(uint32_t a) { return a >= kDynamicFirst && a <= kDynamicLast; }
+
+// ---- Control codes (SYS_CTRL) ----------------------------------------------
+enum Control : uint32_t {
+  kCtrlLeave = 1,     // loader -> process: please leave
+  kCtrlLeaving = 2,   // process -> loader: leaving; raw 4 = persistent data
+  kCtrlRefuse = 3,    // process -> loader: cannot leave now
+  kCtrlStopMe = 4,    // process -> loader: please stop me
+  kCtrlHello = 5,     // process -> loader: the twelve registration numbers
+  kCtrlRunning = 6,   // process -> loader: its loop runs
+  kCtrlLeaveSet = 7,  // process -> loader: SYS_CTRL_ARG = leave value, 0 = blocked
+  kCtrlReady = 8,     // loader -> process: answer to the hello
+  kCtrlCount = 9,
+};
+
+// ---- Fields ---------------------------------------------------------------------
+// Hello: the registration numbers; the first is the bus address asked for
+// (0 = give me one), the other eleven are reserved.
+inline constexpr u32_array_id kHelloNumbers{1};
+inline constexpr size_t kRegistrationNumbers = 12;
+// Ready: the address the process holds, the policy bits it was granted,
+// and the persistent data the loader kept for that address.
+inline constexpr u32_id kReadyAddress{1};
+inline constexpr u32_id kReadyPolicy{2};
+inline constexpr message_id kReadyPermData{4};
+// Leaving: the flat form of the persistent data to keep.
+inline constexpr raw_id kLeavePermData{4};
+// A descriptor inside a process; on the wire only SCM_RIGHTS carries one,
+// so the loader strips this field from every frame it forwards.
+inline constexpr u32_id kDescriptorField{0xFF0015};
+
+// ---- Policy bits (SYS_POLICY) ------------------------------------------------------
+inline constexpr uint32_t kPolicyAll = 0xFFFFFFFF;  // trusted
+inline constexpr uint32_t kPolicyRead = 0x40;       // default for other peers
+
+}  // namespace kr::loader
