@@ -4,6 +4,9 @@
 
 #include "kr/base/ipaddr.h"
 #include "kr/base/macaddr.h"
+#include "kr/bus/handler.h"
+#include "kr/bus/loader_protocol.h"
+#include "kr/bus/looper.h"
 #include "kr/loop/child.h"
 #include "kr/loop/clock.h"
 #include "kr/loop/crash.h"
