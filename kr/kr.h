@@ -21,3 +21,4 @@
 #include "kr/message/siphash.h"
 #include "kr/message/vocabulary.h"
 #include "kr/util/runtime_dir.h"
+#include "kr/util/unique_fd.h"

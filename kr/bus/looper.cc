@@ -161,7 +161,7 @@ int Looper::chooseSocket(unsigned int mode) {
       return kInheritedFd;
     if (mode == kConnectInherited) fatal("LOOPER: didn't get connection to loader");
   }
-  internal::ScopedFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
   if (!fd.valid()) fatal("socket failed (errno=" + std::to_string(errno) + ")");
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;

@@ -42,7 +42,7 @@
 #include <memory>
 
 #include "kr/bus/handler.h"
-#include "kr/bus/internal/scoped_fd.h"
+#include "kr/util/unique_fd.h"
 #include "kr/bus/loader_protocol.h"
 #include "kr/loop/runner.h"
 #include "kr/message/message.h"
@@ -223,11 +223,11 @@ class Looper : public Handler, public Runner {
     std::unique_ptr<unsigned char[]> buffer;
     unsigned char* pos = nullptr;
     unsigned int remaining = 0;
-    internal::ScopedFd fd;  // passed with the last bytes, closed once sent
+    UniqueFd fd;  // passed with the last bytes, closed once sent
   };
 
   ReadyInfo readyInfo;
-  internal::ScopedFd sock;
+  UniqueFd sock;
   int timezone = -1;  // -1: not asked yet
   unsigned int leaveValue = 0;
   unsigned int leaveBlocks = 1;
@@ -240,7 +240,7 @@ class Looper : public Handler, public Runner {
   unsigned char* rxStart;
   unsigned char* rxEnd;
   // A descriptor received and not yet attached to a message.
-  internal::ScopedFd rxFd;
+  UniqueFd rxFd;
   unsigned char rxBuf[kRxBufSize];
   std::list<WriteEntry> txList;
   unsigned int txCount = 0;

@@ -27,7 +27,7 @@ using internal::fdOpen;
 using internal::parkFd3;
 using internal::RecordingHandler;
 using internal::RuntimeDir;
-using internal::ScopedFd;
+using kr::UniqueFd;
 using internal::TestLooper;
 using Path = std::vector<unsigned int>;
 
@@ -268,7 +268,7 @@ TEST_F(LooperTest, DescriptorsTravelWithExactlyTheirMessage) {
   l.addHandler(30, &h);
   int p[2];
   ASSERT_EQ(pipe(p), 0);
-  ScopedFd r(p[0]), w(p[1]);
+  UniqueFd r(p[0]), w(p[1]);
   for (unsigned int tag : {1u, 2u, 3u}) {  // out: the middle one passes a copy of w
     message m = to({40}, tag);
     if (tag == 2) m.insert(SYS_FD, static_cast<unsigned int>(dup(w.get())));
@@ -284,7 +284,7 @@ TEST_F(LooperTest, DescriptorsTravelWithExactlyTheirMessage) {
 
   message forged = to({30}, 3);
   forged.insert(SYS_FD, 1234);  // names a descriptor, but none comes with it
-  ScopedFd passed(dup(w.get()));
+  UniqueFd passed(dup(w.get()));
   loader().send(to({30}, 1));
   loader().send(to({30}, 2), passed.get());
   loader().send(forged);
@@ -292,7 +292,7 @@ TEST_F(LooperTest, DescriptorsTravelWithExactlyTheirMessage) {
   ASSERT_TRUE(waitFor([&] { return h.got.size() == 3; }));
   EXPECT_FALSE(h.got[0].has(SYS_FD));
   ASSERT_TRUE(h.got[1].has(SYS_FD));
-  ScopedFd received(static_cast<int>(h.got[1].get(SYS_FD)));
+  UniqueFd received(static_cast<int>(h.got[1].get(SYS_FD)));
   EXPECT_TRUE(pipeCarries(received.get(), r.get()));
   EXPECT_FALSE(h.got[2].has(SYS_FD));
 }
@@ -343,7 +343,7 @@ TEST_F(LooperTest, The1001stQueuedMessageIsSpilled) {
   for (int i = 0; i < 1000; ++i) ASSERT_TRUE(l.queueMessage(m));
   int p[2];
   ASSERT_EQ(pipe(p), 0);
-  ScopedFd r(p[0]);
+  UniqueFd r(p[0]);
   m.insert(SYS_FD, static_cast<unsigned int>(p[1]));
   testing::internal::CaptureStderr();
   testing::internal::CaptureStdout();

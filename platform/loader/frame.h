@@ -40,7 +40,7 @@
 #include <vector>
 
 #include "kr/loop/function.h"
-#include "platform/loader/unique_fd.h"
+#include "kr/util/unique_fd.h"
 
 namespace kr::loader {
 

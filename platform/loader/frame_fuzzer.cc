@@ -166,7 +166,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bool ok = true;
     for (size_t k = 0; k < script.chunks.size() && ok; ++k) {
       const Chunk& c = script.chunks[k];
-      kr::loader::UniqueFd fd;
+      kr::UniqueFd fd;
       if (c.fd) {
         fd.reset(fcntl(base, F_DUPFD_CLOEXEC, 0));
         CHECK(fd, k);

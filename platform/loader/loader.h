@@ -14,7 +14,7 @@
 
 #include <string>
 
-#include "platform/loader/unique_fd.h"
+#include "kr/util/unique_fd.h"
 
 namespace kr::loader {
 

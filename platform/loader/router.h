@@ -51,7 +51,7 @@
 #include "kr/message/message.h"
 #include "platform/loader/config.h"
 #include "platform/loader/frame.h"
-#include "platform/loader/unique_fd.h"
+#include "kr/util/unique_fd.h"
 
 namespace kr::loader {
 

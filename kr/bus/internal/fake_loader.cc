@@ -264,7 +264,7 @@ bool readFrame(int fd, message* out) {
 }  // namespace
 
 message answerHelloOnSocketPath(const std::function<void()>& connect) {
-  ScopedFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  UniqueFd listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   std::strncpy(addr.sun_path, loaderSocketPath().c_str(), sizeof addr.sun_path - 1);
@@ -274,7 +274,7 @@ message answerHelloOnSocketPath(const std::function<void()>& connect) {
   std::thread loader([&] {
     pollfd p{listener.get(), POLLIN, 0};
     if (poll(&p, 1, 2000) != 1) return;
-    ScopedFd c(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    UniqueFd c(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     timeval tv{2, 0};
     setsockopt(c.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     if (!readFrame(c.get(), &hello)) return;

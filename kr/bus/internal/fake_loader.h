@@ -26,7 +26,7 @@
 #include <string>
 #include <vector>
 
-#include "kr/bus/internal/scoped_fd.h"
+#include "kr/util/unique_fd.h"
 #include "kr/bus/looper.h"
 #include "kr/loop/thinrunner.h"
 #include "kr/message/message.h"
@@ -39,7 +39,7 @@ class FakeLoader {
   struct Frame {
     message m;
     std::vector<unsigned char> bytes;  // the flat form as received
-    ScopedFd fd;
+    UniqueFd fd;
   };
 
   FakeLoader();
@@ -94,13 +94,13 @@ class FakeLoader {
  private:
   void onReadable(int, unsigned int);
 
-  ScopedFd loader_;
-  ScopedFd process_;
-  ScopedFd parked3_;  // the descriptor that held 3 before
+  UniqueFd loader_;
+  UniqueFd process_;
+  UniqueFd parked3_;  // the descriptor that held 3 before
   int parked3Flags_ = 0;
   std::vector<unsigned char> rx_;
   unsigned long long received_ = 0;  // stream offset of rx_.end()
-  ScopedFd pendingFd_;
+  UniqueFd pendingFd_;
   unsigned long long pendingFdAt_ = 0;
   ThinRunner* attached_ = nullptr;
   std::function<void(Frame&)> onFrame_;

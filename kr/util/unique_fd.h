@@ -1,9 +1,8 @@
-// kr::loader::UniqueFd: the one owner of a file descriptor.
+// kr::UniqueFd: the one owner of a file descriptor.
 //
-// Every descriptor the loader holds (the listening socket, a client's
-// socket, a descriptor passed along with a frame) lives in one of these, so
-// that dropping a client, a frame or a queue entry closes exactly what it
-// owned and nothing else.
+// Every descriptor that changes hands (a listening or bus socket, a
+// descriptor passed along with a message, a queue entry) lives in one of
+// these, so that dropping its holder closes exactly what it owned, once.
 //
 //   UniqueFd fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
 //   if (!fd) return;              // accept failed
@@ -17,7 +16,7 @@
 
 #include <utility>
 
-namespace kr::loader {
+namespace kr {
 
 class UniqueFd {
  public:
@@ -34,6 +33,7 @@ class UniqueFd {
 
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
+  bool valid() const { return fd_ >= 0; }
 
   // Gives the descriptor up without closing it.
   int release() { return std::exchange(fd_, -1); }
@@ -50,4 +50,4 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-}  // namespace kr::loader
+}  // namespace kr
