@@ -21,4 +21,5 @@
 #include "kr/message/siphash.h"
 #include "kr/message/vocabulary.h"
 #include "kr/util/runtime_dir.h"
+#include "kr/util/fd_passing.h"
 #include "kr/util/unique_fd.h"

@@ -27,6 +27,7 @@
 #include "kr/message/protocol.h"
 #include "kr/message/vocabulary.h"
 #include "kr/util/runtime_dir.h"
+#include "kr/util/fd_passing.h"
 
 namespace kr {
 namespace {
@@ -46,12 +47,6 @@ constexpr unsigned int kSeedRounds = 1024;
 constexpr unsigned int kTimezoneNotify = 0x60001;
 constexpr u32_id kTimezoneOffset{27};
 constexpr int kTimezoneTicks = 6000;
-
-// Room for exactly one passed descriptor.
-union FdControl {
-  cmsghdr align;
-  char buf[CMSG_SPACE(sizeof(int))];
-};
 
 [[noreturn]] void fatal(const std::string& line) {
   std::cerr << line << std::endl;
@@ -424,15 +419,7 @@ void Looper::writeFlush(bool block) {
     msg.msg_iov = iov.data();
     msg.msg_iovlen = gatherWrite(iov.data(), &fd);
     FdControl control;
-    if (fd >= 0) {
-      msg.msg_control = control.buf;
-      msg.msg_controllen = sizeof control.buf;
-      cmsghdr* c = CMSG_FIRSTHDR(&msg);
-      c->cmsg_level = SOL_SOCKET;
-      c->cmsg_type = SCM_RIGHTS;
-      c->cmsg_len = CMSG_LEN(sizeof(int));
-      std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
-    }
+    kr::attachFd(msg, control, fd);
     // MSG_NOSIGNAL: a loader that is gone is reported below, not by SIGPIPE.
     const ssize_t sent = sendmsg(sock.get(), &msg, MSG_NOSIGNAL);
     if (sent > 0) {

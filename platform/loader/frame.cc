@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kr/util/fd_passing.h"
+
 namespace kr::loader {
 
 // ---- FrameReader -------------------------------------------------------------
@@ -125,18 +127,11 @@ ssize_t FrameWriter::sendSome(int sock) {
   iovec iov[kMaxIov];
   size_t count = 0;
   msghdr msg{};
-  alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))] = {};
+  FdControl control;
   Entry& front = queue_.front();
   if (front.fd) {
     iov[count++] = {front.bytes.data() + front.sent, front.bytes.size() - front.sent};
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    cmsghdr* c = CMSG_FIRSTHDR(&msg);
-    c->cmsg_level = SOL_SOCKET;
-    c->cmsg_type = SCM_RIGHTS;
-    c->cmsg_len = CMSG_LEN(sizeof(int));
-    const int fd = front.fd.get();
-    std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
+    attachFd(msg, control, front.fd.get());
   } else {
     for (Entry& e : queue_) {
       if (e.fd || count == kMaxIov) break;

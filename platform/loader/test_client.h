@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "kr/util/fd_passing.h"
 #include "kr/message/message.h"
 #include "kr/message/protocol.h"
 #include "kr/message/vocabulary.h"
@@ -33,17 +34,11 @@ namespace kr::loader::testing {
 inline bool writeAll(int sock, const std::vector<unsigned char>& bytes, int fd = -1) {
   for (size_t done = 0; done < bytes.size();) {
     iovec iov{const_cast<unsigned char*>(bytes.data()) + done, bytes.size() - done};
-    alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(int))] = {};
+    FdControl control;
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
-    if (fd >= 0 && done == 0) {
-      msg.msg_control = control;
-      msg.msg_controllen = sizeof control;
-      cmsghdr* c = CMSG_FIRSTHDR(&msg);
-      *c = {CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-      std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
-    }
+    if (done == 0) attachFd(msg, control, fd);
     const ssize_t n = sendmsg(sock, &msg, MSG_NOSIGNAL);
     if (n <= 0) return false;
     done += size_t(n);

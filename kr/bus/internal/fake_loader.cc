@@ -17,6 +17,7 @@
 #include "kr/message/protocol.h"
 #include "kr/message/vocabulary.h"
 #include "kr/util/runtime_dir.h"
+#include "kr/util/fd_passing.h"
 
 namespace kr::internal {
 
@@ -86,19 +87,8 @@ bool FakeLoader::sendBytes(const unsigned char* p, size_t n, int fd) {
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
-    union {
-      cmsghdr align;
-      char buf[CMSG_SPACE(sizeof(int))];
-    } control;
-    if (fd >= 0) {
-      msg.msg_control = control.buf;
-      msg.msg_controllen = sizeof control.buf;
-      cmsghdr* c = CMSG_FIRSTHDR(&msg);
-      c->cmsg_level = SOL_SOCKET;
-      c->cmsg_type = SCM_RIGHTS;
-      c->cmsg_len = CMSG_LEN(sizeof(int));
-      std::memcpy(CMSG_DATA(c), &fd, sizeof fd);
-    }
+    FdControl control;
+    attachFd(msg, control, fd);
     const ssize_t w = sendmsg(loader_.get(), &msg, MSG_NOSIGNAL);
     if (w < 0 && errno == EINTR) continue;
     if (w <= 0) return false;
