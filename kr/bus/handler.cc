@@ -93,8 +93,6 @@ void Handler::cancelAllTimers() {
 
 // ---- Defaults of the virtual operations ------------------------------------------
 
-void Handler::loadPermData(const message&) {}
-void Handler::savePermData(message&) {}
 void Handler::handleBrkpath(const message&) {}
 
 message Handler::cmdGetPolicies(const message& m) { return policies.get_policies(m); }
@@ -119,15 +117,9 @@ void Handler::cmdShutdown(const message&) {}
 bool Handler::shouldNotify(const message&, const message&) { return true; }
 unsigned int Handler::subscriptionTag(const message&, bool) { return 0; }
 void Handler::subscriptionEnded(const message&, unsigned int) {}
-void Handler::cmdDisconnected(const message&) {}
 void Handler::creditsExhausted(unsigned int) {}
 void Handler::creditsRestored(unsigned int) {}
 message Handler::notifyObject(unsigned int, unsigned int) { return message(); }
-void Handler::requestFlushNotifies() {}
-void Handler::cmdSubscribe(const message&) {}
-void Handler::cmdUnsubscribe(const message&) {}
-void Handler::cmdNotifyAck(const message&) {}
-void Handler::invokeRequestFlushNotifies() { requestFlushNotifies(); }
 
 unsigned int Handler::objectCount() { return 0xFFFFFFFF; }
 bool Handler::isAllowed(const message& m) { return policies.is_allowed(m); }

@@ -29,12 +29,15 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "kr/loop/function.h"
 #include "kr/loop/thinrunner.h"
 #include "kr/message/message.h"
 #include "kr/message/policies.h"
+#include "kr/message/vocabulary.h"
 
 namespace kr {
 
@@ -118,17 +121,27 @@ class Handler {
   // The answer is always empty; the default does nothing.
   virtual void cmdShutdown(const message& m);
 
-  // subscriptions: see kr/bus/notify.h (to come). These slots belong to
-  // notifications and subscriptions; the defaults here are what a handler
-  // without subscribers does.
-  virtual bool shouldNotify(const message& filter, const message& m);    // true
-  virtual unsigned int subscriptionTag(const message& filter, bool push);  // 0
-  virtual void subscriptionEnded(const message& filter, unsigned int tag);  // nothing
-  // CMD_DISCONNECTED: a peer is gone (named by SYS_FROM). Nothing yet.
+  // ---- Subscriptions: what a publishing handler overrides -----------------
+  // Whether the subscriber with `filter` wants the one-off notification m
+  // (sendNotify); true by default.
+  virtual bool shouldNotify(const message& filter, const message& m);
+  // The tag of a new subscription; notifyChange() reaches only subscribers
+  // with its tag. A subscription with tag 0 that asked for the whole state
+  // gets it pushed at once. 0 by default.
+  virtual unsigned int subscriptionTag(const message& filter, bool push);
+  // A subscription ended (unsubscribed or its peer gone). Nothing by default.
+  virtual void subscriptionEnded(const message& filter, unsigned int tag);
+  // CMD_DISCONNECTED: the peer named by SYS_FROM is gone. Drops its
+  // subscriptions and fails the requests pending at it with ERROR_TIMEOUT;
+  // when the handler has no subscriptions at all it does nothing, and such
+  // requests end by their own time-outs.
   virtual void cmdDisconnected(const message& m);
-  virtual void creditsExhausted(unsigned int tag);  // nothing
-  virtual void creditsRestored(unsigned int tag);   // nothing
-  // The notification body of object `objId`; empty by default.
+  // A subscriber with tag `tag` ran out of credits / got some back.
+  virtual void creditsExhausted(unsigned int tag);
+  virtual void creditsRestored(unsigned int tag);
+  // The notification body of object `objId` at detail level `detail`; for
+  // objId 0xFFFFFFFF, the header of a state push (one carrying STD_DEAD is
+  // not sent). Empty by default.
   virtual message notifyObject(unsigned int objId, unsigned int detail);
 
   // The number of objects, or 0xFFFFFFFF when the handler does not know.
@@ -144,15 +157,83 @@ class Handler {
   // A blocking round trip through the Looper (kr::Looper::exchangeMessage);
   // the answer or an error message. Blocks the whole process.
   virtual message exchangeMessage(message& m, int ticks);
-  // Flushes pending notifications at once; nothing to flush yet.
+  // Flushes pending notifications at once (flushNotifies()).
   virtual void requestFlushNotifies();
 
+  // ---- Subscribing and publishing (notify.cc) -----------------------------------
+  // One subscription of a peer to this handler.
+  struct Subscriber {
+    static constexpr int kUnlimited = 0x40000000;
+
+    // Notify objects that may still be sent; kUnlimited: no flow control.
+    int credits = kUnlimited;
+    std::vector<unsigned int> path;  // the subscriber's address
+    unsigned int tag = 0;            // subscriptionTag() at subscription
+    unsigned int detail = 5;         // detail level for notifyObject()
+    message filter;                  // the request without system fields
+    std::map<unsigned int, bool> changes;  // object id -> removed, unsent
+    unsigned int cursor = 0;               // next id to send (round robin)
+    bool push = false;                     // the whole state is still to come
+    bool immediate = false;                // flush every change at once
+    unsigned int getallNext = kNoId;       // state push continuation
+    std::vector<unsigned char> cookie;     // state push continuation cookie
+
+    bool limited() const { return credits != kUnlimited; }
+  };
+
+  // Subscribes this handler to the handler at `path`: its notifications of
+  // command `cmd` (CMD_NOTIFY for changes) matching `filter` come to
+  // handle(). The subscription is identified by the filter; unsubscribe()
+  // with the same filter ends it. False when the request cannot be sent.
+  bool subscribe(const std::vector<unsigned int>& path, unsigned int cmd, const message& filter);
+  bool unsubscribe(const std::vector<unsigned int>& path, unsigned int cmd, const message& filter);
+
   // CMD_SUBSCRIBE, CMD_UNSUBSCRIBE, CMD_NOTIFYACK: handleCmd() answers them
-  // with an empty message after these run. Nothing yet (see above).
+  // with an empty message after these run.
   void cmdSubscribe(const message& m);
   void cmdUnsubscribe(const message& m);
   void cmdNotifyAck(const message& m);
+
+  // Object `objId` changed (or was removed): every change subscriber whose
+  // tag matches gets it with the next flush. Changes to one object are
+  // coalesced; the flush comes within 200 ms, or at once for subscribers
+  // that asked for it. The tag is compared through its low 32 bits (a
+  // pointer is exactly that on the 32-bit target).
+  void notifyChange(unsigned int objId, bool removed = false, const void* tag = nullptr);
+  // Sends every pending change that credits allow: one notify message per
+  // group of identical recipients, at most 16384 bytes of objects each.
+  void flushNotifies();
+  // Pushes the whole state to s in get-all pages while it has credits.
+  void pushNotifies(Subscriber* s);
+  // The change subscriber to serve next: with credits and pending changes,
+  // the fewest credits first. Null when there is none.
+  Subscriber* findNextListener();
+  // Takes object objId out of the pending changes of every subscriber that
+  // can have it now (credits left; id2, the object it depends on, not
+  // pending there), adds their paths to `to`, and returns their details ORed.
+  unsigned int findListenersFor(unsigned int objId, unsigned int id2, std::vector<unsigned int>& to);
+  // Disarms the flush timer, then requestFlushNotifies().
   void invokeRequestFlushNotifies();
+  // Sends m (which must carry SYS_CMD) to every subscriber of its command
+  // that shouldNotify() admits, ignoring credits; returns m as sent.
+  message sendNotify(message& m);
+  // Adds `path` to the (possibly multi-destination) address `to`.
+  static void addPath(std::vector<unsigned int>& to, const std::vector<unsigned int>& path);
+
+  // The subscribers under notify command `cmd` (CMD_NOTIFY for changes);
+  // null when there are none.
+  const std::vector<std::unique_ptr<Subscriber>>* subscribers(unsigned int cmd = CMD_NOTIFY) const;
+  bool hasSubscriptions() const { return !subscriptions.empty(); }
+
+  // ---- Undo records -----------------------------------------------------------------
+  // Records a change carried out for `request` with the undo service [17]:
+  // `undo` is the request that reverts it, `text` what the user sees. A
+  // request carrying STD_UNDOID amends that undo entry instead. `from`
+  // (unless -1) becomes the record's source. The result of sendMessage().
+  bool sendUndoFrom(const message& request, const message& undo, const std::string& text, int from);
+  bool sendUndo(const message& request, const message& undo, const std::string& text);
+  // Sets SYS_CMD = cmd in `undo` first.
+  bool sendUndo(const message& request, message& undo, const std::string& text, unsigned int cmd);
 
   // SYS_CMD = cmd, then sendMessage() / exchangeMessage().
   bool sendCmd(message& m, unsigned int cmd);
@@ -197,13 +278,17 @@ class Handler {
   // A message whose path goes on past this handler is a broken path. A
   // handler that addresses sub-objects by the rest of the path clears it.
   bool strictPath = true;
-  // subscriptions: see kr/bus/notify.h (to come): the subscriber map and
-  // the notify flush timer join the members here.
+  // Subscribers by notify command; changes use CMD_NOTIFY.
+  std::map<unsigned int, std::vector<std::unique_ptr<Subscriber>>> subscriptions;
+  // Armed by notifyChange() (20 ticks) and cmdNotifyAck() (5 ticks).
+  Timer flushTimer;
 
  private:
   friend class Looper;
 
   void cancelAllTimers();
+  void armFlushTimer(unsigned int ticks);
+  void sendBatch(const std::vector<unsigned int>& to, unsigned int count, std::vector<message>& objs);
 };
 
 }  // namespace kr
