@@ -1,18 +1,22 @@
 // The loader's side of the bus protocol, as constants: bus addresses,
 // control codes, the fields of the hello, the ready message and the leave
-// message, and the policy bits the loader grants. docs/loader.md tells the
-// whole protocol; the loader, its tests and its test daemon share this one
-// header.
+// message, and the policy bits the loader grants. The wire itself (framing,
+// control codes, the fields a process reads) is the library's
+// (kr/bus/loader_protocol.h); the names here are the loader's for the same
+// values, plus what only the loader defines. docs/loader.md tells the whole
+// protocol; the loader, its tests and its test daemon share this header.
 #pragma once
 
 #include <cstdint>
 
+#include "kr/bus/loader_protocol.h"
 #include "kr/message/message.h"
+#include "kr/message/vocabulary.h"
 
 namespace kr::loader {
 
 // ---- Addresses: the first element of SYS_TO --------------------------------
-inline constexpr uint32_t kLoaderAddress = 1;          // the loader itself
+inline constexpr uint32_t kLoaderAddress = HANDLER_LOADER;  // the loader itself
 inline constexpr uint32_t kBroadcastAddress = 0xFF0001;  // every process but the sender
 inline constexpr uint32_t kListAddress = 0xFF0002;       // a list of paths follows
 inline constexpr uint32_t kSelfAddress = 0xFF0003;       // "this process"; never leaves it
@@ -28,32 +32,32 @@ inline constexpr bool isDynamicAddress(uint32_t a) { return a >= kDynamicFirst &
 
 // ---- Control codes (SYS_CTRL) ----------------------------------------------
 enum Control : uint32_t {
-  kCtrlLeave = 1,     // loader -> process: please leave
-  kCtrlLeaving = 2,   // process -> loader: leaving; raw 4 = persistent data
-  kCtrlRefuse = 3,    // process -> loader: cannot leave now
-  kCtrlStopMe = 4,    // process -> loader: please stop me
-  kCtrlHello = 5,     // process -> loader: the twelve registration numbers
-  kCtrlRunning = 6,   // process -> loader: its loop runs
-  kCtrlLeaveSet = 7,  // process -> loader: SYS_CTRL_ARG = leave value, 0 = blocked
-  kCtrlReady = 8,     // loader -> process: answer to the hello
-  kCtrlCount = 9,
+  kCtrlLeave = CTRL_LEAVE,     // loader -> process: please leave
+  kCtrlLeaving = CTRL_LEAVING,   // process -> loader: leaving; raw 4 = persistent data
+  kCtrlRefuse = CTRL_CANTLEAVE,    // process -> loader: cannot leave now
+  kCtrlStopMe = CTRL_TELLLEAVE,    // process -> loader: please stop me
+  kCtrlHello = CTRL_HELLO,     // process -> loader: the twelve registration numbers
+  kCtrlRunning = CTRL_RUNNING,   // process -> loader: its loop runs
+  kCtrlLeaveSet = CTRL_LEAVESETTING,  // process -> loader: SYS_CTRL_ARG = leave value, 0 = blocked
+  kCtrlReady = CTRL_READY,     // loader -> process: answer to the hello
+  kCtrlCount = CTRL_READY + 1,
 };
 
 // ---- Fields ---------------------------------------------------------------------
 // Hello: the registration numbers; the first is the bus address asked for
 // (0 = give me one), the other eleven are reserved.
-inline constexpr u32_array_id kHelloNumbers{1};
+inline constexpr u32_array_id kHelloNumbers = HELLO_NUMBERS;
 inline constexpr size_t kRegistrationNumbers = 12;
 // Ready: the address the process holds, the policy bits it was granted,
 // and the persistent data the loader kept for that address.
 inline constexpr u32_id kReadyAddress{1};
 inline constexpr u32_id kReadyPolicy{2};
-inline constexpr message_id kReadyPermData{4};
+inline constexpr message_id kReadyPermData = READY_PERMDATA;
 // Leaving: the flat form of the persistent data to keep.
-inline constexpr raw_id kLeavePermData{4};
+inline constexpr raw_id kLeavePermData = LEAVE_PERMDATA;
 // A descriptor inside a process; on the wire only SCM_RIGHTS carries one,
 // so the loader strips this field from every frame it forwards.
-inline constexpr u32_id kDescriptorField{0xFF0015};
+inline constexpr u32_id kDescriptorField = SYS_FD;
 
 // ---- Policy bits (SYS_POLICY) ------------------------------------------------------
 inline constexpr uint32_t kPolicyAll = 0xFFFFFFFF;  // trusted
