@@ -15,7 +15,6 @@
 namespace kr {
 namespace {
 
-constexpr u32_id kSubCredits{0xFF0012};
 constexpr bool_id kSubPush{0xFF0017};
 constexpr u32_id kDetail{0xFE000C};
 constexpr u32_id kRemoved{0xFE0013};
@@ -94,7 +93,7 @@ void Handler::cmdSubscribe(const message& m) {
     if (s->filter == filter) return;  // a repeated subscribe is harmless
   }
   auto s = std::make_unique<Subscriber>();
-  s->credits = static_cast<int>(m.get(kSubCredits, static_cast<unsigned int>(Subscriber::kUnlimited)));
+  s->credits = static_cast<int>(m.get(SYS_CREDITS, static_cast<unsigned int>(Subscriber::kUnlimited)));
   s->push = m.get(kSubPush, false);
   s->path = m.get(SYS_FROM);
   s->detail = m.get(kDetail, 5u);
@@ -340,7 +339,7 @@ void Handler::cmdNotifyAck(const message& m) {
   }
   if (!s) return;
   const int before = s->credits;
-  s->credits += static_cast<int>(m.get(kSubCredits));
+  s->credits += static_cast<int>(m.get(SYS_CREDITS));
   if (before < 1 && s->credits > 0) creditsRestored(s->tag);
   if (s->push && s->changes.size() < static_cast<size_t>(std::max(s->credits, 0))) pushNotifies(s);
   if (s->credits >= 0 && !s->changes.empty()) {
@@ -364,8 +363,10 @@ message Handler::sendNotify(message& m) {
       if (shouldNotify(s->filter, m) && !s->path.empty()) addPath(to, s->path);
     }
   }
-  m.insert(SYS_TO, to);
-  if (!to.empty()) sendMessage(m);
+  if (!to.empty()) {
+    m.insert(SYS_TO, to);
+    sendMessage(m);
+  }
   return m;
 }
 
@@ -378,7 +379,12 @@ void Handler::savePermData(message& m) {
   for (const auto& [key, subs] : subscriptions) {
     for (const auto& s : subs) {
       message f = s->filter;
-      f.insert(kSubCredits, static_cast<unsigned int>(s->credits));
+      f.insert(SYS_CREDITS, static_cast<unsigned int>(s->credits));
+      // The subscriber's address and the notify command too, so that the
+      // subscription comes back as it was, not as a change subscription
+      // without anyone to send to.
+      f.insert(SYS_FROM, s->path);
+      f.insert(SYS_NOTIFYCMD, key);
       kept.push_back(std::move(f));
     }
   }
