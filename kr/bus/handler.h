@@ -8,6 +8,14 @@
 // caller's permissions, and dispatches each command (SYS_CMD) to one virtual
 // cmd* operation, whose default answers "not implemented".
 //
+// Handlers can also be subscribed to. A publisher calls notifyChange(id)
+// when object id changes and overrides notifyObject() to describe it; the
+// base keeps the subscribers, coalesces changes for 200 ms, batches them
+// into notify messages (CMD_NOTIFY, objects in STD_OBJS) with one message
+// per set of recipients, and honours each subscriber's credits, which come
+// back with CMD_NOTIFYACK. A subscriber calls subscribe(path, CMD_NOTIFY,
+// filter) and receives the notify messages in handle().
+//
 //   class Counter : public kr::Handler {
 //     kr::message cmdGet(const kr::message&) override { ... }
 //   };

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <map>
+#include <memory>
 #include <utility>
 
 #include "kr/bus/handler.h"
@@ -63,6 +65,21 @@ message withoutRouting(const message& m) {
   c.remove(SYS_FROM);
   c.remove(SYS_TO);
   return c;
+}
+
+using SubscriberMap = std::map<unsigned int, std::vector<std::unique_ptr<Handler::Subscriber>>>;
+
+// findNextListener(), passing over the subscribers in `skip`.
+Handler::Subscriber* nextListener(SubscriberMap& subscriptions, const std::vector<const Handler::Subscriber*>& skip) {
+  auto it = subscriptions.find(CMD_NOTIFY);
+  if (it == subscriptions.end()) return nullptr;
+  Handler::Subscriber* best = nullptr;
+  for (auto& s : it->second) {
+    if (s->credits <= 0 || s->changes.empty()) continue;
+    if (std::find(skip.begin(), skip.end(), s.get()) != skip.end()) continue;
+    if (!best || (s->credits <= best->credits && s->changes.size() >= best->changes.size())) best = s.get();
+  }
+  return best;
 }
 
 }  // namespace
@@ -144,15 +161,19 @@ void Handler::cmdDisconnected(const message& m) {
     }
   }
   if (gone.empty()) return;
-  // Requests waiting at the gone peer will never be answered.
-  for (auto it = replies.begin(); it != replies.end();) {
-    if (it->second.dest != gone.front()) {
-      ++it;
-      continue;
-    }
+  // Requests waiting at the gone peer will never be answered. Their ids are
+  // taken first: a callback may cancel other requests or post new ones (a
+  // retry), and the map must not be walked while it changes.
+  std::vector<unsigned int> stranded;
+  for (const auto& [reqId, r] : replies) {
+    if (r.dest == gone.front()) stranded.push_back(reqId);
+  }
+  for (unsigned int reqId : stranded) {
+    auto it = replies.find(reqId);
+    if (it == replies.end()) continue;  // cancelled by an earlier callback
     ReplyCallback cb = std::move(it->second.callback);
     if (it->second.timer) getRunner()->removeTimer(it->second.timer);
-    it = replies.erase(it);
+    replies.erase(it);
     cb(errorMsg(ERROR_TIMEOUT, ""));
   }
 }
@@ -204,16 +225,7 @@ void Handler::invokeRequestFlushNotifies() {
 
 void Handler::requestFlushNotifies() { flushNotifies(); }
 
-Handler::Subscriber* Handler::findNextListener() {
-  auto it = subscriptions.find(CMD_NOTIFY);
-  if (it == subscriptions.end()) return nullptr;
-  Subscriber* best = nullptr;
-  for (auto& s : it->second) {
-    if (s->credits <= 0 || s->changes.empty()) continue;
-    if (!best || (s->credits <= best->credits && s->changes.size() >= best->changes.size())) best = s.get();
-  }
-  return best;
-}
+Handler::Subscriber* Handler::findNextListener() { return nextListener(subscriptions, {}); }
 
 unsigned int Handler::findListenersFor(unsigned int objId, unsigned int id2, std::vector<unsigned int>& to) {
   unsigned int detail = 0;
@@ -253,13 +265,19 @@ void Handler::flushNotifies() {
   std::vector<unsigned int> batchTo;
   size_t batchBytes = 0;
   std::vector<unsigned char> flat;
-  while (Subscriber* s = findNextListener()) {
+  // Subscribers whose remaining objects wait on each other.
+  std::vector<const Subscriber*> stalled;
+  while (Subscriber* s = nextListener(subscriptions, stalled)) {
     // Objects held back for s (the object they depend on is pending there
     // too) are passed over; a full round without progress means they wait
-    // on each other, and they stay pending rather than loop forever.
+    // on each other. They stay pending rather than loop forever, and the
+    // other subscribers are still served in this pass.
     size_t heldBack = 0;
     while (s->credits > 0 && !s->changes.empty()) {
-      if (heldBack > s->changes.size()) goto done;
+      if (heldBack > s->changes.size()) {
+        stalled.push_back(s);
+        break;
+      }
       auto change = s->changes.lower_bound(s->cursor);
       if (change == s->changes.end()) change = s->changes.begin();
       const unsigned int objId = change->first;
@@ -291,7 +309,6 @@ void Handler::flushNotifies() {
       batchTo = std::move(to);
     }
   }
-done:
   if (!batch.empty()) sendBatch(batchTo, count, batch);
 }
 
