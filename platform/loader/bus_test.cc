@@ -277,6 +277,54 @@ TEST_F(loaderBus, SpeakingBeforeTheHelloOrAskingForATakenAddressIsRefused) {
   EXPECT_TRUE(quiet(*a));
 }
 
+TEST_F(loaderBus, MonitorSeesEveryDeliveryButNotItsOwnTraffic) {
+  auto a = join(30), b = join(31), mon = std::make_unique<Client>(loader_->socketPath());
+  mon->join(0);
+  message got, event;
+  ASSERT_TRUE(mon->send(request({kLoaderAddress}, 5, {9}, kMonitorCmd)));
+  ASSERT_TRUE(mon->recv(&got));
+  EXPECT_TRUE(isReply(got));
+  EXPECT_EQ(errorOf(got), ERROR_OK);
+  EXPECT_EQ(got.get(SYS_REQID), 5u);
+
+  ASSERT_TRUE(a->send(request({31, 7}, 1, {5})));
+  ASSERT_TRUE(b->recv(&got));
+  ASSERT_TRUE(mon->recv(&event));
+  EXPECT_EQ(event.get(SYS_TO), Path{9});  // to the handler that asked
+  EXPECT_EQ(event.get(SYS_CMD), kMonitorEvent);
+  EXPECT_EQ(event.get(kMonitorSender), 30u);
+  EXPECT_EQ(event.get(kMonitorReceiver), 31u);
+  const message frame = event.get(kMonitorFrame);
+  EXPECT_EQ(frame.get(SYS_TO), Path{7});  // as delivered
+  EXPECT_EQ(frame.get(SYS_FROM), (Path{30, 5}));
+  EXPECT_EQ(frame.get(SYS_POLICY), kPolicyAll);
+
+  ASSERT_TRUE(a->send(request({99}, 2, {5})));  // the loader's own answer
+  ASSERT_TRUE(a->recv(&got));
+  ASSERT_TRUE(mon->recv(&event));
+  EXPECT_EQ(event.get(kMonitorSender), kLoaderAddress);
+  EXPECT_EQ(event.get(kMonitorReceiver), 30u);
+  EXPECT_EQ(errorOf(event.get(kMonitorFrame)), ERROR_BRKPATH);
+
+  message big = to({31});
+  big.insert(raw_id(1), std::vector<unsigned char>(65480, 0xAB));  // fits, but not inside an event
+  ASSERT_TRUE(a->send(big));
+  ASSERT_TRUE(b->recv(&got));
+  ASSERT_TRUE(mon->recv(&event));
+  EXPECT_FALSE(event.has(kMonitorFrame));
+  EXPECT_GT(event.get(kMonitorFrameLength), 65480u);
+
+  ASSERT_TRUE(mon->send(to({31})));  // neither its own frames nor answers to it
+  ASSERT_TRUE(b->recv(&got));
+  EXPECT_TRUE(quiet(*mon));
+
+  a->close();
+  EXPECT_TRUE(mon->recvUntil(&event, [](const message& e) {
+    return e.get(kMonitorReceiver) == 31 && e.get(kMonitorFrame).get(SYS_CMD) == CMD_DISCONNECTED;
+  }));
+  EXPECT_EQ(event.get(kMonitorSender), kLoaderAddress);
+}
+
 TEST_F(loaderBus, OtherUsersAreReadOnlyWhateverTheyClaim) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
   constexpr uid_t kNobody = 65534;
@@ -290,8 +338,12 @@ TEST_F(loaderBus, OtherUsersAreReadOnlyWhateverTheyClaim) {
     const message ready = c.join(0);
     message m = to({30});
     m.insert(SYS_POLICY, kPolicyAll);
+    message monitor;  // watching the bus is for trusted peers only
+    const bool refused = c.send(request({kLoaderAddress}, 1, {9}, kMonitorCmd)) && c.recv(&monitor) &&
+                         errorOf(monitor) == ERROR_NOTALLOWED;
     _exit((ready.get(kReadyPolicy) == kPolicyRead ? 0 : 1) | (isDynamicAddress(ready.get(kReadyAddress)) ? 0 : 2) |
-          (c.send(m) && quiet(c) ? 0 : 4) | (fixed.send(testing::hello(35)) && fixed.closedByPeer() ? 0 : 8));
+          (c.send(m) && quiet(c) ? 0 : 4) | (fixed.send(testing::hello(35)) && fixed.closedByPeer() ? 0 : 8) |
+          (refused ? 0 : 16));
   }
   message got;
   ASSERT_TRUE(a->recv(&got));

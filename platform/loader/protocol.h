@@ -1,10 +1,11 @@
 // The loader's side of the bus protocol, as constants: bus addresses,
 // control codes, the fields of the hello, the ready message and the leave
-// message, and the policy bits the loader grants. The wire itself (framing,
-// control codes, the fields a process reads) is the library's
-// (kr/bus/loader_protocol.h); the names here are the loader's for the same
-// values, plus what only the loader defines. docs/loader.md tells the whole
-// protocol; the loader, its tests and its test daemon share this header.
+// message, the monitor's command and events, and the policy bits the loader
+// grants. The wire itself (framing, control codes, the fields a process
+// reads) is the library's (kr/bus/loader_protocol.h); the names here are the
+// loader's for the same values, plus what only the loader defines.
+// docs/loader.md tells the whole protocol; the loader, its tests and its
+// test daemon share this header.
 #pragma once
 
 #include <cstdint>
@@ -58,6 +59,18 @@ inline constexpr raw_id kLeavePermData = LEAVE_PERMDATA;
 // A descriptor inside a process; on the wire only SCM_RIGHTS carries one,
 // so the loader strips this field from every frame it forwards.
 inline constexpr u32_id kDescriptorField = SYS_FD;
+
+// ---- Monitor: a trusted peer watches what the loader delivers ------------------------
+// Commands below 0xFE0000 are the handler's own, here the loader's.
+// kMonitorCmd, a request to [1] from a trusted peer, makes its connection a
+// monitor; every frame the loader then delivers to another process comes to
+// the asker's SYS_FROM path as a kMonitorEvent.
+inline constexpr uint32_t kMonitorCmd = 0x10001;
+inline constexpr uint32_t kMonitorEvent = 0x10002;
+inline constexpr u32_id kMonitorSender{1};       // the sender's address; 1 for the loader
+inline constexpr u32_id kMonitorReceiver{2};     // the receiving process's address
+inline constexpr message_id kMonitorFrame{3};    // the frame as delivered
+inline constexpr u32_id kMonitorFrameLength{4};  // instead of 3 when it would not fit
 
 // ---- Policy bits (SYS_POLICY) ------------------------------------------------------
 inline constexpr uint32_t kPolicyAll = 0xFFFFFFFF;  // trusted

@@ -93,6 +93,8 @@ struct Router::Client {
   bool askedToLeave = false;  // got control 1 and did not refuse
   bool running = false;       // sent control 6
   uint32_t leaveValue = 0;    // control 7's argument
+  bool monitor = false;       // in monitors_
+  std::vector<unsigned int> monitorPath;  // where its events go
 
   bool trusted() const { return policy == kPolicyAll; }
   std::string name() const {
@@ -391,7 +393,7 @@ void Router::deliver(Client& from, message m, UniqueFd fd) {
   if (it == byAddress_.end()) return unreachable(from, m);
   const message request = m;  // shares until advance() writes
   advance(m, from.address);
-  if (!send(*it->second, m, std::move(fd))) tooLong(from, request);
+  if (!forward(&from, *it->second, m, std::move(fd))) tooLong(from, request);
 }
 
 // To every process but the sender, whose own loop has delivered it locally.
@@ -404,7 +406,7 @@ void Router::broadcast(Client& from, message m, UniqueFd fd) {
   std::vector<Client*> targets;
   for (const auto& [address, c] : byAddress_)
     if (c != &from) targets.push_back(c);
-  for (Client* c : targets) sendBytes(*c, body, fd.duplicate());
+  for (Client* c : targets) forwardBytes(&from, *c, body, fd.duplicate());
 }
 
 void Router::toList(Client& from, const message& m, UniqueFd fd) {
@@ -425,13 +427,33 @@ void Router::toList(Client& from, const message& m, UniqueFd fd) {
   }
 }
 
-// The loader itself has no handlers below it and knows one command.
+// The loader itself has no handlers below it and knows two commands.
 void Router::toLoader(Client& from, const message& m) {
   if (isReply(m) || (!m.has(SYS_CMD) && isError(m, nullptr, nullptr))) return;
   if (m.size(SYS_TO) > 1) return unreachable(from, m);
   if (!getRequestID(m, nullptr)) return;
-  const uint32_t cmd = m.get(SYS_CMD, CMD_NOOP);
-  answer(from, m, cmd == CMD_NOOP ? message() : errorMsg(ERROR_NOTIMP, ""));
+  switch (m.get(SYS_CMD, CMD_NOOP)) {
+    case CMD_NOOP:
+      return answer(from, m, message());
+    case kMonitorCmd:
+      return startMonitor(from, m);
+    default:
+      return answer(from, m, errorMsg(ERROR_NOTIMP, ""));
+  }
+}
+
+// Watching shows every process's traffic, so only a trusted peer may. The
+// events go where the request came from, to the handler that asked; asking
+// again moves them.
+void Router::startMonitor(Client& c, const message& request) {
+  if (!c.trusted()) return answer(c, request, errorMsg(ERROR_NOTALLOWED, ""));
+  c.monitorPath = request.get(SYS_FROM);
+  if (!c.monitor) {
+    c.monitor = true;
+    monitors_.push_back(&c);
+    LogLine() << c.name() << " monitors the bus";
+  }
+  answer(c, request, message());
 }
 
 void Router::unreachable(Client& from, const message& m) {
@@ -452,7 +474,7 @@ void Router::answer(Client& to, const message& request, message reply) {
   if (request.size(SYS_FROM)) reply.insert(SYS_TO, request.get(SYS_FROM));
   if (request.size(SYS_TO)) reply.insert(SYS_FROM, request.get(SYS_TO));
   reply.insert(SYS_POLICY, kPolicyAll);
-  if (!send(to, reply)) LogLine() << to.name() << ": answer too long; dropped";
+  if (!forward(nullptr, to, reply)) LogLine() << to.name() << ": answer too long; dropped";
 }
 
 void Router::sendDisconnected(uint32_t address, bool orderly) {
@@ -465,7 +487,7 @@ void Router::sendDisconnected(uint32_t address, bool orderly) {
   m.flatten(body);
   std::vector<Client*> targets;
   for (const auto& [a, c] : byAddress_) targets.push_back(c);
-  for (Client* c : targets) sendBytes(*c, body, {});
+  for (Client* c : targets) forwardBytes(nullptr, *c, body, {});
 }
 
 // ---- Output and the end of connections ------------------------------------------------
@@ -495,6 +517,44 @@ bool Router::sendBytes(Client& to, std::span<const unsigned char> body, UniqueFd
   return true;
 }
 
+bool Router::forward(const Client* from, Client& to, const message& m, UniqueFd fd) {
+  std::vector<unsigned char> body;
+  m.flatten(body);
+  return forwardBytes(from, to, body, std::move(fd));
+}
+
+bool Router::forwardBytes(const Client* from, Client& to, std::span<const unsigned char> body, UniqueFd fd) {
+  if (!sendBytes(to, body, std::move(fd))) return false;
+  if (!monitors_.empty() && !to.doomed) report(from, to, body);
+  return true;
+}
+
+// One event per monitor, carrying the frame, or only its length when the
+// frame and the event's own fields do not fit one frame together. Frames
+// to or from a monitor are left out: its own requests and events would
+// otherwise be reported to it without end.
+void Router::report(const Client* from, const Client& to, std::span<const unsigned char> body) {
+  if (to.monitor || (from && from->monitor)) return;
+  message event;
+  event.insert(SYS_CMD, kMonitorEvent);
+  event.insert_vector(SYS_FROM, kLoaderAddress);
+  event.insert(SYS_POLICY, kPolicyAll);
+  event.insert(kMonitorSender, from ? from->address : kLoaderAddress);
+  event.insert(kMonitorReceiver, to.address);
+  message whole = event;
+  whole.insert(kMonitorFrame, flat_message(std::vector<unsigned char>(body.begin(), body.end())));
+  event.insert(kMonitorFrameLength, static_cast<unsigned int>(body.size()));
+  const std::vector<Client*> watchers = monitors_;  // a monitor that stops reading is dropped here
+  for (Client* w : watchers) {
+    message e = whole;
+    if (!w->monitorPath.empty()) e.insert(SYS_TO, w->monitorPath);
+    if (send(*w, e)) continue;
+    e = event;
+    if (!w->monitorPath.empty()) e.insert(SYS_TO, w->monitorPath);
+    send(*w, e);
+  }
+}
+
 void Router::flush(Client& c) {
   int err = 0;
   switch (c.writer.flush(c.sock.get(), &err)) {
@@ -521,6 +581,7 @@ void Router::doom(Client& c, const std::string& why, bool orderly) {
   c.orderly = orderly;
   if (!why.empty()) LogLine() << c.name() << " dropped: " << why;
   if (c.address) byAddress_.erase(c.address);
+  if (c.monitor) std::erase(monitors_, &c);
   runner().removeSocket(c.sock.get());
   c.helloTimer.cancel();
   doomed_.push_back(&c);

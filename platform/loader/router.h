@@ -26,6 +26,10 @@
 //     stops reading (full output queue) or says nothing for 10 s after
 //     connecting is dropped with a log line; nobody else notices more than
 //     its disconnect notice.
+//   - A trusted peer that sends kMonitorCmd to [1] becomes a monitor: from
+//     then on every frame delivered to another process is shown to it as a
+//     kMonitorEvent (sender, receiver, the frame as delivered). Frames to
+//     or from a monitor are not shown, so watching never feeds itself.
 //
 // The router registers its sockets and timers with the process's runner
 // (kr::getRunner()), which must outlive it. Event-loop thread only.
@@ -139,14 +143,22 @@ class Router {
   void broadcast(Client& from, message m, UniqueFd fd);
   void toList(Client& from, const message& m, UniqueFd fd);
   void toLoader(Client& from, const message& m);
+  void startMonitor(Client& c, const message& request);
   void unreachable(Client& from, const message& m);
   void tooLong(Client& from, const message& m);
   void answer(Client& to, const message& request, message reply);
   void sendDisconnected(uint32_t address, bool orderly);
 
-  // Output and the end of connections.
+  // Output and the end of connections. send() and sendBytes() queue what
+  // the loader says to one connection (controls, monitor events);
+  // forward() and forwardBytes() queue a frame delivered to a process
+  // (routed frames, answers, disconnect notices; `from` is null for the
+  // loader's own) and show it to the monitors.
   bool send(Client& to, const message& m, UniqueFd fd = {});
   bool sendBytes(Client& to, std::span<const unsigned char> body, UniqueFd fd);
+  bool forward(const Client* from, Client& to, const message& m, UniqueFd fd = {});
+  bool forwardBytes(const Client* from, Client& to, std::span<const unsigned char> body, UniqueFd fd);
+  void report(const Client* from, const Client& to, std::span<const unsigned char> body);
   void flush(Client& c);
   void wantWrite(Client& c, bool on);
   void doom(Client& c, const std::string& why, bool orderly);
@@ -165,6 +177,7 @@ class Router {
   std::map<uint32_t, flat_message> kept_;           // persistent data by address
   std::vector<Client*> dirty_;                      // output queued since the last flush
   std::vector<Client*> doomed_;                     // dropped, not yet finished
+  std::vector<Client*> monitors_;                   // live monitors, in the order they asked
   uint32_t nextDynamic_;
   bool settling_ = false;
   std::vector<unsigned char> rx_;                   // one received chunk
