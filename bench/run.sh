@@ -1,34 +1,43 @@
 #!/usr/bin/env bash
 # Installs the peers, builds the benchmarks in build-bench/ (Release at -O2,
-# libkr included) and runs them: kr_bench_message, then kr_bench_loop.
-# A first argument "message" or "loop" runs only that one; the remaining
-# arguments go to the benchmark binaries, e.g.
+# libkr included) and runs them: kr_bench_message, kr_bench_loop, then
+# kr_bench_bus. A first argument "message", "loop" or "bus" runs only that
+# one; the remaining arguments go to the benchmark binaries, e.g.
 #   bash bench/run.sh message --benchmark_filter=decode
 #   bash bench/run.sh loop --benchmark_filter=timers
+#   bash bench/run.sh bus --only rr1 --reps 3
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 which=all
 case "${1:-}" in
-  message | loop) which=$1; shift ;;
+  message | loop | bus) which=$1; shift ;;
 esac
+want() { [ "$which" = all ] || [ "$which" = "$1" ]; }
 
 bash bench/setup.sh
+# The tools stay off; bench/CMakeLists.txt builds kr-loader for kr_bench_bus.
 cmake -S . -B build-bench -G Ninja -DKR_BUILD_BENCH=ON -DKR_BUILD_TESTS=OFF -DKR_BUILD_TOOLS=OFF \
   -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" >/dev/null
 targets=()
-[ "$which" != loop ] && targets+=(kr_bench_message)
-[ "$which" != message ] && targets+=(kr_bench_loop)
+want message && targets+=(kr_bench_message)
+want loop && targets+=(kr_bench_loop)
+want bus && targets+=(kr_bench_bus)
 cmake --build build-bench --target "${targets[@]}"
 
 # Three repetitions of 0.2 s each (the loop's socket benchmarks have fixed
 # iteration counts instead); the tables use medians.
 common=(--benchmark_min_time=0.2 --benchmark_repetitions=3 --benchmark_display_aggregates_only=true)
 # 20 benchmarks: about 20 s.
-[ "$which" != loop ] && build-bench/bench/kr_bench_message "${common[@]}" "$@"
+if want message; then build-bench/bench/kr_bench_message "${common[@]}" "$@"; fi
 # 12 benchmarks, 1.2M ping-pong round trips per loop: about 45 s. The
 # repetitions are interleaved at random, so that a burst of load on the
 # machine does not hit one library's three runs at once.
-[ "$which" != message ] && build-bench/bench/kr_bench_loop "${common[@]}" \
-  --benchmark_enable_random_interleaving=true "$@"
+if want loop; then
+  build-bench/bench/kr_bench_loop "${common[@]}" --benchmark_enable_random_interleaving=true "$@"
+fi
+# Not a Google Benchmark binary: its own options (--seconds, --reps, --only).
+# Five repetitions of 1.5 s per scenario and bus, kr and D-Bus alternating,
+# plus the memory test: about 60 s.
+if want bus; then build-bench/bench/kr_bench_bus "$@"; fi
 exit 0
