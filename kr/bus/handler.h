@@ -197,7 +197,11 @@ class Handler {
   bool unsubscribe(const std::vector<unsigned int>& path, unsigned int cmd, const message& filter);
 
   // CMD_SUBSCRIBE, CMD_UNSUBSCRIBE, CMD_NOTIFYACK: handleCmd() answers them
-  // with an empty message after these run.
+  // with an empty message after these run. A subscription is known by its
+  // filter alone: a second subscribe with an equal filter, from whoever,
+  // changes nothing, and an unsubscribe with an equal filter ends it. Two
+  // subscribers that must not share one put something of their own in
+  // their filters.
   void cmdSubscribe(const message& m);
   void cmdUnsubscribe(const message& m);
   void cmdNotifyAck(const message& m);

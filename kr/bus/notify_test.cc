@@ -528,6 +528,9 @@ TEST_F(NotifyTest, SubscriptionsSurviveARestartWithTheirCredits) {
   EXPECT_EQ(restarted.sub(1).filter, pub.sub(0).filter);
   EXPECT_EQ(restarted.sub(1).credits, 4);
   EXPECT_EQ(restarted.sub(2).credits, Subscriber::kUnlimited);
+  // They come back addressed to their subscribers, not to nobody.
+  EXPECT_EQ(restarted.sub(1).path, (Path{7}));
+  EXPECT_EQ(restarted.sub(2).path, (Path{8}));
   tick(20);
 }
 
