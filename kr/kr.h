@@ -20,6 +20,7 @@
 #include "kr/message/protocol.h"
 #include "kr/message/siphash.h"
 #include "kr/message/vocabulary.h"
+#include "kr/store/allocator.h"
 #include "kr/util/runtime_dir.h"
 #include "kr/util/fd_passing.h"
 #include "kr/util/unique_fd.h"

@@ -228,6 +228,13 @@ Handler* Looper::findHandler(unsigned int hid) const {
   return it == handlers.end() ? nullptr : it->second;
 }
 
+std::vector<unsigned int> Looper::handlerIds() const {
+  std::vector<unsigned int> ids;
+  ids.reserve(handlers.size());
+  for (const auto& entry : handlers) ids.push_back(entry.first);
+  return ids;
+}
+
 // Calls f(h) for every handler in id order; f may add or remove handlers.
 template <class F>
 void Looper::forEachHandler(F&& f) {

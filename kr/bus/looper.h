@@ -40,6 +40,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "kr/bus/handler.h"
 #include "kr/util/unique_fd.h"
@@ -107,6 +108,8 @@ class Looper : public Handler, public Runner {
   bool hasHandler(unsigned int id) const;
   // The handler registered under id, or null.
   Handler* findHandler(unsigned int id) const;
+  // The ids of the registered handlers, ascending.
+  std::vector<unsigned int> handlerIds() const;
 
   // ---- kr::Handler -----------------------------------------------------------------
   // The persistent data of the whole process: the Looper's own part, then
