@@ -21,6 +21,8 @@
 #include "kr/message/siphash.h"
 #include "kr/message/vocabulary.h"
 #include "kr/store/allocator.h"
+#include "kr/store/reget.h"
+#include "kr/store/schedule.h"
 #include "kr/util/runtime_dir.h"
 #include "kr/util/fd_passing.h"
 #include "kr/util/unique_fd.h"
