@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the peers, builds the benchmarks in build-bench/ (Release at -O2,
 # libkr included) and runs them: kr_bench_message, kr_bench_loop, then
-# kr_bench_bus and kr_bench_allocator. A first argument "message", "loop",
-# "bus" or "allocator" runs only that
+# kr_bench_bus, kr_bench_allocator and kr_bench_store. A first argument
+# "message", "loop", "bus", "allocator" or "store" runs only that
 # one; the remaining arguments go to the benchmark binaries, e.g.
 #   bash bench/run.sh message --benchmark_filter=decode
 #   bash bench/run.sh loop --benchmark_filter=timers
@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 
 which=all
 case "${1:-}" in
-  message | loop | bus | allocator) which=$1; shift ;;
+  message | loop | bus | allocator | store) which=$1; shift ;;
 esac
 want() { [ "$which" = all ] || [ "$which" = "$1" ]; }
 
@@ -25,6 +25,7 @@ want message && targets+=(kr_bench_message)
 want loop && targets+=(kr_bench_loop)
 want bus && targets+=(kr_bench_bus)
 want allocator && targets+=(kr_bench_allocator)
+want store && targets+=(kr_bench_store)
 cmake --build build-bench --target "${targets[@]}"
 
 # Three repetitions of 0.2 s each (the loop's socket benchmarks have fixed
@@ -44,4 +45,6 @@ fi
 if want bus; then build-bench/bench/kr_bench_bus "$@"; fi
 # Allocate/free pairs against a std::set of free ids: about 10 s.
 if want allocator; then build-bench/bench/kr_bench_allocator "${common[@]}" "$@"; fi
+# Sets, gets and an id-order read through kr-store against SQLite directly: about 8 s.
+if want store; then build-bench/bench/kr_bench_store "${common[@]}" "$@"; fi
 exit 0

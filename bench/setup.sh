@@ -2,13 +2,14 @@
 # Installs the comparison peers of the benchmarks from Debian: protobuf
 # (protoc and the C++ library) and msgpack-cxx (header-only) for
 # kr_bench_message, libuv and libevent for kr_bench_loop, libdbus-1 and
-# dbus-daemon (package dbus) for kr_bench_bus, and Google Benchmark. They
+# dbus-daemon (package dbus) for kr_bench_bus, SQLite for kr_bench_store,
+# and Google Benchmark. They
 # are only linked into the benchmark binaries, never into libkr. Safe to
 # run again.
 set -euo pipefail
 
 pkgs=(protobuf-compiler libprotobuf-dev libmsgpack-cxx-dev libbenchmark-dev libuv1-dev libevent-dev
-  libdbus-1-dev dbus pkg-config)
+  libdbus-1-dev dbus libsqlite3-dev pkg-config)
 
 missing=()
 for p in "${pkgs[@]}"; do

@@ -13,4 +13,5 @@ set(KR_FUZZ_TARGETS
   encoding kr/message/encoding_fuzzer.cc
   msgjson tools/kr-msg/msgjson_fuzzer.cc
   loader_frame platform/loader/frame_fuzzer.cc
+  store_request platform/store/request_fuzzer.cc
 )

@@ -2,40 +2,15 @@
 //
 //   LogLine() << "address " << a << " dropped: " << why;
 //   // kr-loader: address 20 dropped: bad frame length 70000
-//
-// The line is assembled in memory and written with a single write() when
-// the temporary goes, so lines of the loader and of the daemons it started
-// (which share its standard error) never interleave mid-line.
 #pragma once
 
-#include <unistd.h>
-
-#include <sstream>
-#include <string>
+#include "platform/common/log_line.h"
 
 namespace kr::loader {
 
-class LogLine {
+class LogLine : public platform::LogLine {
  public:
-  LogLine() { os_ << "kr-loader: "; }
-  LogLine(const LogLine&) = delete;
-  LogLine& operator=(const LogLine&) = delete;
-  ~LogLine() {
-    os_ << '\n';
-    const std::string s = os_.str();
-    if (::write(STDERR_FILENO, s.data(), s.size()) < 0) {
-      // Nowhere left to report it.
-    }
-  }
-
-  template <class T>
-  LogLine& operator<<(const T& v) {
-    os_ << v;
-    return *this;
-  }
-
- private:
-  std::ostringstream os_;
+  LogLine() : platform::LogLine("kr-loader") {}
 };
 
 }  // namespace kr::loader
