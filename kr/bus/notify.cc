@@ -329,8 +329,13 @@ void Handler::pushNotifies(Subscriber* s) {
     if (!s->cookie.empty()) q.insert(kCookie, s->cookie);
     message r = cmdGetAll(q, s->getallNext, static_cast<unsigned int>(s->credits));
     if (!r.has(STD_OBJS)) break;
+    const unsigned int before = s->getallNext;
+    const std::vector<unsigned char> cookieBefore = s->cookie;
     s->getallNext = r.get(STD_GETALLID, kNoId);
     s->cookie = r.get(kCookie);
+    // A page that brings nothing and leads back to where it started (an
+    // object too large for any page) would be asked for without end.
+    const bool stuck = r.size(STD_OBJS) == 0 && s->getallNext == before && s->cookie == cookieBefore;
     r.remove(STD_GETALLID);
     r.remove(kCookie);
     const unsigned int objects = r.size(STD_OBJS);
@@ -338,7 +343,7 @@ void Handler::pushNotifies(Subscriber* s) {
     r.insert(SYS_CMD, CMD_NOTIFY);
     sendMessage(r);
     if (s->limited()) s->credits -= static_cast<int>(objects);
-    if (s->getallNext == kNoId && s->cookie.empty()) break;
+    if (stuck || (s->getallNext == kNoId && s->cookie.empty())) break;
   }
   s->push = false;
 }

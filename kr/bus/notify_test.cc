@@ -65,6 +65,12 @@ class Publisher : public Handler {
     if (!stateSize) return Handler::cmdGetAll(q, from, n);
     const std::vector<unsigned char> c = q.get(kCookie);
     const unsigned int first = !c.empty() ? c[0] : from == kNoId ? 0 : from;
+    if (first == stuckAt) {  // an object no page can hold: an empty page back to it
+      message r;
+      r.insert(STD_OBJS, std::vector<message>());
+      r.insert(STD_GETALLID, first);
+      return r;
+    }
     const unsigned int last = std::min({first + 2, first + n, stateSize});
     std::vector<message> objs(last - first);
     for (unsigned int i = first; i < last; ++i) objs[i - first].insert(STD_ID, i);
@@ -86,7 +92,7 @@ class Publisher : public Handler {
   std::vector<GetAll> getAlls;
   std::map<unsigned int, unsigned int> dependsOn;  // object -> its STD_NEXTID
   message header;
-  unsigned int count = kNoId, pad = 0, stateSize = 0;
+  unsigned int count = kNoId, pad = 0, stateSize = 0, stuckAt = kNoId;
   bool cookies = false, sendOk = true;
 };
 
@@ -426,6 +432,15 @@ TEST_F(NotifyTest, StatePushStopsWithTheCreditsAndWaitsForTaggedSubscriptions) {
   bare.cmdSubscribe(m);
   EXPECT_EQ(bare.sent.size(), 1u);
   EXPECT_FALSE(bare.sub(0).push);
+
+  // A page that brings nothing and points back at itself ends the push
+  // instead of being asked for forever (no credits would ever run out).
+  Publisher stuck;
+  stuck.stateSize = 5;
+  stuck.stuckAt = 2;
+  stuck.cmdSubscribe(with(request({9}, 1), kPush, true));
+  EXPECT_EQ(stuck.getAlls.size(), 2u);
+  EXPECT_FALSE(stuck.sub(0).push);
 }
 
 TEST_F(NotifyTest, DisconnectDropsThePeersSubscriptionsAndFailsItsRequests) {
