@@ -22,6 +22,7 @@
 #include "kr/message/vocabulary.h"
 #include "kr/store/allocator.h"
 #include "kr/store/store.h"
+#include "kr/store/secmap.h"
 #include "kr/store/reget.h"
 #include "kr/store/schedule.h"
 #include "kr/util/runtime_dir.h"
