@@ -1,8 +1,9 @@
 // kr-example [--address N]: a small daemon on the bus, for reading and for
 // trying the platform out with kr-cli.
 //
-// It joins the bus at address 40 (or N) and serves one handler, 10, that
-// keeps a greeting and a counter:
+// It joins the bus at address 40 (or N) and serves two handlers. Handler
+// 20 is an ordered table of address entries kept by the store service (see
+// address_list.h). Handler 10 keeps a greeting and a counter:
 //
 //   kr-cli get 40/10                            {string 1 greeting, u32 2 count}
 //   kr-cli set 40/10 '{"string:1": "Hi"}'       changes the greeting
@@ -20,6 +21,9 @@
 #include <iostream>
 #include <string>
 
+#include <unistd.h>
+
+#include "examples/address_list.h"
 #include "kr/bus/handler.h"
 #include "kr/bus/looper.h"
 #include "kr/message/protocol.h"
@@ -29,6 +33,10 @@ namespace {
 
 constexpr unsigned int kDefaultAddress = 40;
 constexpr unsigned int kGreeterId = 10;
+constexpr unsigned int kAddressesId = 20;
+// The store service's bus address; it listens on its socket before it
+// joins the bus.
+constexpr unsigned int kStoreAddress = 6;
 constexpr unsigned int kObjectId = 1;
 // Our own command: numbers below the standard range are the handler's.
 constexpr unsigned int kCmdGreet = 0x100;
@@ -117,6 +125,19 @@ class Greeter : public kr::Handler {
   unsigned int count_ = 0;
 };
 
+// The loader starts its daemons together: wait (up to 5 s) until the store
+// service is on the bus, so that the table is read from it and not found
+// empty. Without a store service the table is simply not persisted.
+void awaitStoreService(kr::Looper& looper) {
+  for (int attempt = 0; attempt < 50; ++attempt) {
+    kr::message ping;
+    ping.insert_vector(kr::SYS_TO, kStoreAddress);
+    ping.insert(kr::SYS_CMD, kr::CMD_NOOP);
+    if (!kr::isError(looper.exchangeMessage(ping, 100), nullptr, nullptr)) return;
+    usleep(100 * 1000);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -132,6 +153,10 @@ int main(int argc, char** argv) {
   kr::Looper looper(kr::Looper::kConnectAny, address, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
   Greeter greeter;
   looper.addHandler(kGreeterId, &greeter);
+  awaitStoreService(looper);
+  example::AddressList addresses;
+  looper.addHandler(kAddressesId, &addresses);
+  addresses.init();
   looper.setupLeave(1);  // the loader may stop us whenever it likes
   looper.run();
   return 0;
