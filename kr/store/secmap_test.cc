@@ -18,12 +18,14 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "kr/bus/internal/bus_fixture.h"
 #include "kr/loop/clock.h"
 #include "kr/message/protocol.h"
+#include "kr/store/reget.h"
 #include "kr/store/store.h"
 #include "kr/util/runtime_dir.h"
 
@@ -559,6 +561,77 @@ TEST_F(SecMapTest, GetAllPagesAtAThousandObjectsAndSixteenKilobytes) {
   EXPECT_TRUE(p.has(STD_OBJS));
   EXPECT_EQ(p.size(STD_OBJS), 0u);
   EXPECT_EQ(p.get(STD_GETALLID), 4u);
+}
+
+// The paged client against the real map: it follows the map's continuation
+// from page to page in the map's own order, and an object too big for any
+// page is neither skipped nor sent: the walk stays on it, asking again, so
+// a reader sees where the table is stuck instead of a table with a hole.
+TEST_F(SecMapTest, AsyncRegetWalksTheMapInOrderAndStopsAtAnObjectNoPageHolds) {
+  struct Walk {
+    AsyncReget reget;
+    Ids ids;
+    std::map<unsigned int, size_t> pages;  // continuation asked for -> objects it brought
+    std::vector<message> done;
+    static void object(void* ctx, const message& o) {
+      Walk* w = static_cast<Walk*>(ctx);
+      w->ids.push_back(o.get(STD_ID));
+      ++w->pages[w->reget.currentRequest().get(STD_GETALLID, kEnd)];
+    }
+    static void end(void* ctx, const message& r) { static_cast<Walk*>(ctx)->done.push_back(r); }
+    void start() {
+      message q = with(message(), SYS_CMD, CMD_GETALL);
+      q.insert(SYS_TO, {kLocal, kMapId});
+      reget.start(q, this, &object, &end, AsyncReget::kDefaultTimeout);
+    }
+  };
+
+  // 1500 rows appended under shuffled ids: the map's order is not id order.
+  TestMap& m = open(true);
+  m.setAutoStore(false);  // the records play no part here; 1500 synced writes would only cost time
+  Ids order;
+  for (unsigned int i = 0; i < 1500; ++i) {
+    const unsigned int objId = i * 7919 % 1500 + 1;
+    order.push_back(objId);
+    ASSERT_EQ(add(with(with(row("r", i), STD_ID, objId), kBits, kNoUndo | kQuiet)).get(STD_ID), objId);
+  }
+  ASSERT_EQ(m.inOrder(), order);
+  Walk all;
+  all.start();
+  ASSERT_TRUE(run([&] { return !all.done.empty(); }));
+  EXPECT_EQ(all.ids, order);
+  EXPECT_EQ(all.pages, (std::map<unsigned int, size_t>{{kEnd, 1000}, {order[1000], 500}}))
+      << "a first page of 1000, then the rest from the 1001st in order";
+  ASSERT_EQ(all.done.size(), 1u);
+  EXPECT_EQ(errorOf(all.done[0]), 0u);
+  EXPECT_EQ(all.done[0].size(STD_OBJS), 500u) << "onDone gets the last page";
+  EXPECT_FALSE(all.done[0].has(STD_GETALLID));
+  EXPECT_FALSE(all.reget.isRunning());
+
+  // Row 3's flat form (over 16384 bytes, under the store's 65536) fits no
+  // page, not even alone.
+  map.reset();
+  TestMap& big = open(false, "/rw/store/big");
+  for (size_t len : {10, 10, 17000, 10}) {
+    Row* r = new Row;
+    r->s.name.assign(len, 'x');
+    big.add(r, false);
+  }
+  Walk stuck;
+  stuck.start();
+  std::set<unsigned int> requests;
+  for (int i = 0; i < 60; ++i) {
+    step();
+    requests.insert(stuck.reget.requestId());
+  }
+  EXPECT_EQ(stuck.ids, (Ids{1, 2})) << "nothing skipped, nothing delivered twice";
+  EXPECT_EQ(stuck.pages, (std::map<unsigned int, size_t>{{kEnd, 2}}));
+  EXPECT_TRUE(stuck.done.empty()) << "the walk is not over";
+  EXPECT_TRUE(stuck.reget.isRunning());
+  EXPECT_EQ(stuck.reget.currentRequest().get(STD_GETALLID), 3u);
+  EXPECT_GT(requests.size(), 3u) << "it keeps asking for row 3";
+  stuck.reget.stop();
+  EXPECT_EQ(looper->pendingRequests(), 0u);
 }
 
 }  // namespace
