@@ -23,6 +23,7 @@
 
 #include <unistd.h>
 
+#include "bench/median_reporter.h"
 #include "kr/kr.h"
 
 namespace {
@@ -152,21 +153,13 @@ void verify() {
 // ---- Ratio table ---------------------------------------------------------------------
 // Prints the console output as usual and keeps the time per pair of each run
 // (the median when repeated) for a side-by-side table at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public MedianReporter {
  public:
-  RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.error_occurred) continue;
-      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
-      Result& res = results_[r.run_name.function_name];
-      // CPU time: nothing here waits, and the machine may be shared.
-      res.ns = r.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(r.time_unit) * 1e9;
-      auto nodes = r.counters.find("nodes");
-      res.nodes = nodes == r.counters.end() ? 0 : double(nodes->second);
-    }
-    ConsoleReporter::ReportRuns(runs);
+  void keep(const std::string& name, const Run& r) override {
+    Result& res = results_[name];
+    // CPU time: nothing here waits, and the machine may be shared.
+    res.ns = cpuNs(r);
+    res.nodes = counter(r, "nodes", 0);
   }
 
   void Finalize() override {

@@ -32,6 +32,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/median_reporter.h"
 #include "kr/loop/thinrunner.h"
 
 namespace {
@@ -351,21 +352,11 @@ void PingPongEv(benchmark::State& st, int idle, long trips) {
 // ---- Ratio table ---------------------------------------------------------------------------------
 // Prints the console output as usual and keeps the time per operation of
 // each run (the median when repeated) for a side-by-side table at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public MedianReporter {
  public:
-  // Colour only on a terminal, so that piped output stays readable.
-  RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.error_occurred) continue;
-      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
-      auto ops = r.counters.find("ops");
-      if (ops == r.counters.end() || double(ops->second) <= 0) continue;
-      const double ns = r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit) * 1e9;
-      perOpNs_[r.run_name.function_name] = ns / double(ops->second);
-    }
-    ConsoleReporter::ReportRuns(runs);
+  void keep(const std::string& name, const Run& r) override {
+    const double ops = counter(r, "ops", 0);
+    if (ops > 0) perOpNs_[name] = realNs(r) / ops;
   }
 
   void Finalize() override {

@@ -22,6 +22,7 @@ static unsigned long long __rdtsc() { return 0; }  // no cycle counter: cycles/b
 
 #include <msgpack.hpp>
 
+#include "bench/median_reporter.h"
 #include "config_object.pb.h"
 #include "kr/kr.h"
 
@@ -416,22 +417,10 @@ void SipHashKr(benchmark::State& st) {
 // ---- Ratio table ---------------------------------------------------------------------------
 // Prints the console output as usual and keeps ns and allocs per run (the
 // median when repeated) for a side-by-side table at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public MedianReporter {
  public:
-  // Colour only on a terminal, so that piped output stays readable.
-  RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.error_occurred) continue;
-      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
-      auto allocs = r.counters.find("allocs");
-      auto cpb = r.counters.find("cycles/B");
-      results_[r.run_name.function_name] = {r.GetAdjustedRealTime(),
-                                            allocs == r.counters.end() ? -1.0 : double(allocs->second),
-                                            cpb == r.counters.end() ? 0.0 : double(cpb->second)};
-    }
-    ConsoleReporter::ReportRuns(runs);
+  void keep(const std::string& name, const Run& r) override {
+    results_[name] = {r.GetAdjustedRealTime(), counter(r, "allocs", -1.0), counter(r, "cycles/B", 0.0)};
   }
 
   void Finalize() override {

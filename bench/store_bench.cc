@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/median_reporter.h"
 #include "kr/kr.h"
 
 namespace {
@@ -227,19 +228,10 @@ void ScanSqlite(benchmark::State& st) {
 // ---- Ratio table -------------------------------------------------------------------
 // Prints the console output as usual and keeps the wall time per object of
 // each run (the median when repeated) for a table at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
+class RatioReporter : public MedianReporter {
  public:
-  RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      if (r.error_occurred) continue;
-      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
-      const std::string name = r.run_name.function_name;
-      const double perIteration = r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit) * 1e9;
-      ns_[name] = name.starts_with("scan") ? perIteration / kObjects : perIteration;
-    }
-    ConsoleReporter::ReportRuns(runs);
+  void keep(const std::string& name, const Run& r) override {
+    ns_[name] = name.starts_with("scan") ? realNs(r) / kObjects : realNs(r);
   }
 
   void Finalize() override {
