@@ -13,7 +13,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -59,39 +58,6 @@ sockaddr_un storeAddress() {
   return a;
 }
 
-// Answers each request of the one connection a test makes with
-// script(request), on its own thread. The client blocks while the script
-// runs, so the script and the test may share variables.
-class FakeService {
- public:
-  explicit FakeService(std::function<std::string(const std::string&)> script) {
-    const sockaddr_un a = storeAddress();
-    EXPECT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&a), sizeof a), 0);
-    EXPECT_EQ(listen(listener, 1), 0);
-    thread = std::thread([this, script] {
-      const int conn = accept(listener, nullptr, nullptr);
-      std::string packet(1 << 16, '\0');
-      for (ssize_t n; conn >= 0 && (n = read(conn, packet.data(), packet.size())) > 0;) {
-        requests.push_back(packet.substr(0, n));
-        const std::string reply = script(requests.back());
-        send(conn, reply.data(), reply.size(), MSG_NOSIGNAL);
-      }
-      close(conn);
-    });
-  }
-  ~FakeService() {
-    storeCord().onTimeout();        // the client hangs up, which ends the thread,
-    shutdown(listener, SHUT_RDWR);  // or it never called
-    thread.join();
-    close(listener);
-  }
-  std::vector<std::string> requests;
-
- private:
-  int listener = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  std::thread thread;
-};
-
 // A private runtime directory per test, and the process's connection
 // dropped around each, so that no test reaches another test's service.
 class StoreClientTest : public ::testing::Test {
@@ -111,15 +77,25 @@ class StoreClientTest : public ::testing::Test {
     EXPECT_EQ(getRunner(), nullptr);
   }
 
-  // kr-store on this test's socket and database (kept across restarts);
-  // "" once it accepts connections.
-  std::string startService() {
+  void stopService() {
+    if (pid <= 0) return;
+    kill(pid, SIGTERM);
+    waitpid(std::exchange(pid, -1), nullptr, 0);
+  }
+
+  std::string dir;
+  pid_t pid = -1;
+};
+
+// The same with kr-store on the test's socket, once it accepts connections.
+class StoreServiceTest : public StoreClientTest {
+  void SetUp() override {
+    StoreClientTest::SetUp();
 #ifndef KR_STORE_BINARY
-    return "kr-store is not built";
+    GTEST_SKIP() << "kr-store is not built";
 #else
     const std::string socket = storeSocketPath(), db = dir + "/store.db", log = dir + "/kr-store.log";
-    pid = fork();
-    if (pid == 0) {
+    if ((pid = fork()) == 0) {
       prctl(PR_SET_PDEATHSIG, SIGTERM);  // a crashed test leaves no service behind
       const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
       dup2(out, 1);
@@ -132,27 +108,12 @@ class StoreClientTest : public ::testing::Test {
       const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
       const bool up = connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
       close(fd);
-      if (up) return "";
+      if (up) return;
     }
-    return "kr-store did not come up";
+    FAIL() << "kr-store did not come up";
 #endif
   }
-  void stopService() {
-    if (pid <= 0) return;
-    kill(pid, SIGTERM);
-    waitpid(std::exchange(pid, -1), nullptr, 0);
-  }
-
-  std::string dir;
-  pid_t pid = -1;
 };
-
-#define START_SERVICE()                                      \
-  do {                                                       \
-    const std::string why = startService();                  \
-    if (why == "kr-store is not built") GTEST_SKIP() << why; \
-    ASSERT_EQ(why, "");                                      \
-  } while (0)
 
 TEST(StoreNameTest, DropsOnlyTheTwoStoreDirectories) {
   EXPECT_EQ(Store::nameOf("/kora/store/ifaces"), "ifaces");
@@ -161,51 +122,30 @@ TEST(StoreNameTest, DropsOnlyTheTwoStoreDirectories) {
   EXPECT_EQ(Store::nameOf("/kora/storeifaces"), "/kora/storeifaces");
 }
 
-TEST_F(StoreClientTest, ObjectsSurviveTheClientAndTheService) {
-  START_SERVICE();
+TEST_F(StoreServiceTest, ObjectsOutliveTheStoreThatWroteThem) {
   {
     Store s("/rw/store/ifaces");
     EXPECT_TRUE(s.isFresh());
     s.set(1, object(1));
     s.set(7, object(7));
-    s.set(7, object(70));
-    s.set(Store::kOrderRecord, object(99));
+    s.set(Store::kOrderRecord, object(99));  // the highest id a store holds
     EXPECT_FALSE(s.isFresh());
   }
-  stopService();
   storeCord().onTimeout();
-  START_SERVICE();
-
   Store again("/kora/store/ifaces");  // the same table
   EXPECT_FALSE(again.isFresh());
   EXPECT_EQ(idsOf(again), (Ids{1, 7, Store::kOrderRecord}));
-  EXPECT_TRUE(again.get(7) == object(70));
+  EXPECT_TRUE(again.get(7) == object(7));
   EXPECT_TRUE(again.get(Store::kOrderRecord) == object(99));
   EXPECT_TRUE(again.remove(1));
-  EXPECT_FALSE(again.remove(1));
-  EXPECT_TRUE(idsOf(Store("/var/ifaces")).empty()) << "another directory is another table";
-
-  Store third("ifaces");
-  EXPECT_EQ(idsOf(third), (Ids{7, Store::kOrderRecord}));
-  third.removeAll();
-  EXPECT_TRUE(idsOf(third).empty());
+  EXPECT_EQ(idsOf(Store("ifaces")), (Ids{7, Store::kOrderRecord}));
+  again.removeAll();
+  EXPECT_TRUE(idsOf(again).empty());
   EXPECT_TRUE(idsOf(Store("ifaces")).empty());
 }
 
-TEST_F(StoreClientTest, ListingOfSeveralPagesEndingExactlyFull) {
-  START_SERVICE();
-  {
-    Store s("big");
-    for (unsigned i = 0; i < 3 * kPerPage; ++i) s.set(3 * i, object(i));
-  }
-  storeCord().onTimeout();  // pages of 1024 bytes again
-  const Ids ids = idsOf(Store("big"));
-  ASSERT_EQ(ids.size(), 3 * kPerPage);
-  for (unsigned i = 0; i < ids.size(); ++i) ASSERT_EQ(ids[i], 3 * i);
-}
-
-TEST_F(StoreClientTest, NeighboursComeFromTheReadAheadWithoutTheService) {
-  START_SERVICE();
+// Neighbours come from the read-ahead, and unknown ids cost no request.
+TEST_F(StoreServiceTest, ReadsWithoutTheServiceWhereTheyCan) {
   Store s("ahead");
   for (unsigned id = 1; id <= 20; ++id) s.set(id, object(id));
   EXPECT_TRUE(s.get(1) == object(1));
@@ -214,45 +154,17 @@ TEST_F(StoreClientTest, NeighboursComeFromTheReadAheadWithoutTheService) {
   EXPECT_TRUE(s.get(1) == object(1));
   const size_t cached = storeCord().cachedEntries();
   EXPECT_GT(cached, 10u);
-  stopService();
+  stopService();  // from now on any request would fail loudly
   CaptureStderr();
+  CaptureStdout();
   for (unsigned id = 2; id <= cached; ++id) EXPECT_TRUE(s.get(id) == object(id == 2 ? 200 : id)) << id;
-  EXPECT_EQ(GetCapturedStderr(), "");
+  EXPECT_TRUE(s.get(42).empty());
+  EXPECT_FALSE(s.remove(42));
+  EXPECT_FALSE(s.remove(Store::kNoId));
+  EXPECT_EQ(GetCapturedStdout() + GetCapturedStderr(), "");
 }
 
-TEST_F(StoreClientTest, CutOffEntryIsAskedForAgainWithRoom) {
-  START_SERVICE();
-  Store writer("cut");
-  writer.set(1, object(1));
-  Store reader("cut");  // knows id 1
-  const message large = object(1, 3 * StoreCord::kInitialBuffer);
-  writer.set(1, large);
-  storeCord().onTimeout();  // the buffer starts at 1024 bytes again
-  EXPECT_TRUE(reader.get(1) == large);
-  EXPECT_GE(storeCord().bufferCapacity(), flatSize(large) + 12);
-}
-
-TEST_F(StoreClientTest, FlatFormsFrom65536BytesAreSilentlyNotStored) {
-  START_SERVICE();
-  const message limit = objectOfFlatSize(65535), over = objectOfFlatSize(65536);
-  ASSERT_EQ(flatSize(limit), 65535u);
-  ASSERT_EQ(flatSize(over), 65536u);
-  {
-    Store s("sizes");
-    s.set(1, limit);
-    CaptureStderr();
-    CaptureStdout();
-    s.set(2, over);
-    EXPECT_EQ(GetCapturedStdout() + GetCapturedStderr(), "");
-    EXPECT_FALSE(s.has(2));
-  }
-  Store s("sizes");
-  EXPECT_EQ(idsOf(s), Ids{1});
-  EXPECT_TRUE(s.get(1) == limit);
-}
-
-TEST_F(StoreClientTest, UnknownIdsCostNoRequestAndLostOnesAreReported) {
-  START_SERVICE();
+TEST_F(StoreServiceTest, AnObjectTheServiceLostIsReported) {
   Store writer("shared");
   writer.set(3, object(3));
   Store reader("shared");
@@ -260,18 +172,34 @@ TEST_F(StoreClientTest, UnknownIdsCostNoRequestAndLostOnesAreReported) {
   CaptureStdout();
   EXPECT_TRUE(reader.get(3).empty());
   EXPECT_EQ(GetCapturedStdout(), "ERROR: missing entry sid=" + std::to_string(reader.storeId()) + ", id=3\n");
-
-  stopService();  // from now on any request would fail loudly
-  CaptureStderr();
-  CaptureStdout();
-  EXPECT_TRUE(reader.get(42).empty());
-  EXPECT_FALSE(reader.remove(42));
-  EXPECT_FALSE(reader.remove(Store::kNoId));
-  EXPECT_EQ(GetCapturedStdout() + GetCapturedStderr(), "");
 }
 
-TEST_F(StoreClientTest, IdleConnectionClosesAfter1000TicksAndReopens) {
-  START_SERVICE();
+TEST_F(StoreServiceTest, LargeObjects) {
+  Store writer("sizes");
+  writer.set(1, object(1));
+  Store reader("sizes");  // knows id 1
+  const message large = object(1, 3 * StoreCord::kInitialBuffer);
+  writer.set(1, large);
+  storeCord().onTimeout();  // the buffer starts at 1024 bytes again
+  EXPECT_TRUE(reader.get(1) == large) << "a cut-off entry is asked for again with room";
+  EXPECT_GE(storeCord().bufferCapacity(), flatSize(large) + 12);
+
+  // Flat forms from 65536 bytes on are silently not stored.
+  const message limit = objectOfFlatSize(65535), over = objectOfFlatSize(65536);
+  ASSERT_EQ(flatSize(limit), 65535u);
+  ASSERT_EQ(flatSize(over), 65536u);
+  writer.set(2, limit);
+  CaptureStderr();
+  CaptureStdout();
+  writer.set(3, over);
+  EXPECT_EQ(GetCapturedStdout() + GetCapturedStderr(), "");
+  EXPECT_FALSE(writer.has(3));
+  Store again("sizes");
+  EXPECT_EQ(idsOf(again), (Ids{1, 2}));
+  EXPECT_TRUE(again.get(2) == limit);
+}
+
+TEST_F(StoreServiceTest, IdleConnectionClosesAfter1000TicksAndNeverUsesDescriptor3) {
   TestClock clock(50000);
   Runner loop;
   Store s("idle");
@@ -283,15 +211,10 @@ TEST_F(StoreClientTest, IdleConnectionClosesAfter1000TicksAndReopens) {
   loop.step(false);
   EXPECT_FALSE(storeCord().isOpen());
   EXPECT_EQ(storeCord().bufferCapacity(), 0u);
-  EXPECT_TRUE(s.get(1) == object(1));
-  EXPECT_TRUE(storeCord().isOpen());
-}
 
-TEST_F(StoreClientTest, NeverUsesDescriptor3) {
-  START_SERVICE();
   const int saved = fcntl(3, F_DUPFD_CLOEXEC, 10);  // -1 when 3 is free already
   close(3);
-  ASSERT_TRUE(storeCord().connect());
+  EXPECT_TRUE(s.get(1) == object(1));  // reopens
   EXPECT_NE(storeCord().descriptor(), 3);
   EXPECT_EQ(fcntl(3, F_GETFD), -1);
   if (saved >= 0) dup2(saved, 3), close(saved);
@@ -308,44 +231,52 @@ TEST_F(StoreClientTest, UnreachableServiceGivesAnEmptyStore) {
   EXPECT_FALSE(s.remove(1));
 }
 
-TEST_F(StoreClientTest, BackupAndResetAnswerTheServicesStatus) {
-  START_SERVICE();
+TEST_F(StoreServiceTest, BackupAndResetAnswerTheServicesStatus) {
   Store("settings").set(1, object(1));
   const std::string backup = dir + "/backup.db";
   EXPECT_TRUE(createBackup(backup, false, "nightly"));
   EXPECT_FALSE(createBackup(backup, false, "nightly")) << "exists, and no overwrite";
-  EXPECT_TRUE(createBackup(backup, true, "nightly"));
   EXPECT_TRUE(resetConfig(true));
   Store after("settings");
-  EXPECT_TRUE(idsOf(after).empty());
-  EXPECT_TRUE(after.isFresh());
+  EXPECT_TRUE(idsOf(after).empty() && after.isFresh());
 }
 
 // A page that fails is asked for again with the same cookie; a page that
 // fills the buffer exactly is followed by one more request.
 TEST_F(StoreClientTest, ListingRepeatsAFailedPageAndAsksPastAFullOne) {
-  int failures = 1;
-  auto word = [](const std::string& s, int i) {
-    unsigned w;
-    std::memcpy(&w, s.data() + 4 * i, 4);
-    return w;
-  };
-  FakeService service([&](const std::string& r) {
-    const unsigned cookie = word(r, 1);
-    if (cookie != 0xFFFFFFFF && failures-- > 0) return std::string();
-    Ids reply{9, 0, 1024};
-    for (unsigned id = cookie + 1; id < cookie + 1 + kPerPage && id < 2 * kPerPage; ++id) reply.push_back(id);
-    return std::string(reinterpret_cast<const char*>(reply.data()), 4 * reply.size());
+  auto word = [](const std::string& s, int i) { unsigned w; std::memcpy(&w, s.data() + 4 * i, 4); return w; };
+  const int listener = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+  const sockaddr_un a = storeAddress();
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&a), sizeof a), 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  std::vector<std::string> requests;
+  std::thread service([&] {  // the client blocks while it answers
+    const int conn = accept(listener, nullptr, nullptr);
+    std::string packet(1 << 16, '\0');
+    int failures = 1;
+    for (ssize_t n; conn >= 0 && (n = read(conn, packet.data(), packet.size())) > 0;) {
+      const unsigned cookie = word(requests.emplace_back(packet.substr(0, n)), 1);
+      Ids reply{9, 0, 1024};
+      if (cookie != 0xFFFFFFFF && failures-- > 0) reply.clear();
+      for (unsigned id = cookie + 1; !reply.empty() && id < cookie + 1 + kPerPage && id < 2 * kPerPage; ++id)
+        reply.push_back(id);
+      send(conn, reply.data(), 4 * reply.size(), MSG_NOSIGNAL);
+    }
+    close(conn);
   });
   Store s("paged");
+  storeCord().onTimeout();        // the client hangs up, which ends the thread,
+  shutdown(listener, SHUT_RDWR);  // or it never called
+  service.join();
+  close(listener);
   EXPECT_EQ(s.storeId(), 9u);
   EXPECT_EQ(idsOf(s).size(), 2 * kPerPage);
   Ids cookies;
-  for (const std::string& r : service.requests) cookies.push_back(word(r, 1));
+  for (const std::string& r : requests) cookies.push_back(word(r, 1));
   EXPECT_EQ(cookies, (Ids{0xFFFFFFFF, kPerPage - 1, kPerPage - 1, 2 * kPerPage - 1}));
-  EXPECT_EQ(word(service.requests[0], 0), 0u);
-  EXPECT_EQ(word(service.requests[0], 2), StoreCord::kInitialBuffer);
-  EXPECT_EQ(service.requests[0].substr(12), "paged");
+  EXPECT_EQ(word(requests[0], 0), 0u);
+  EXPECT_EQ(word(requests[0], 2), StoreCord::kInitialBuffer);
+  EXPECT_EQ(requests[0].substr(12), "paged");
 }
 
 }  // namespace
