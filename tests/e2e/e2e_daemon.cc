@@ -1,12 +1,8 @@
-// kr-e2e-daemon ADDRESS
-//
-// A daemon built the way every daemon of the platform is: a kr::Looper
-// joins the bus at ADDRESS (descriptor 3 when kr-loader started it, the
-// loader's socket under KR_RUNTIME_DIR when a test did), two test handlers
-// are registered, and the loop runs until the loader asks it to leave. The
-// tests drive the handlers over the bus with the commands of e2e_daemon.h;
-// whatever a handler does, it does through the library's own API, so that
-// what the tests observe is the library's behaviour between processes.
+// kr-e2e-daemon ADDRESS: a kr::Looper joins the bus at ADDRESS (descriptor 3
+// when kr-loader started it, the loader's socket under KR_RUNTIME_DIR when a
+// test did) with two test handlers, driven by the commands of e2e_daemon.h.
+// The handlers act only through the library's own API, so what the tests
+// observe is the library's behaviour between processes.
 #include "tests/e2e/e2e_daemon.h"
 
 #include <fcntl.h>
@@ -26,23 +22,58 @@
 namespace kr::e2e {
 namespace {
 
+// {kError, kReply}: how a request of this handler ended.
+message outcome(const message& r) {
+  unsigned int code = ERROR_OK;
+  isError(r, &code, nullptr);
+  message out;
+  out.insert(kError, code);
+  out.insert(kReply, r);
+  return out;
+}
+
 class TestHandler : public Handler {
  public:
   void handleCmd(const message& m, unsigned int cmd) override {
     message r;
     switch (cmd) {
-      case kEcho: r = echo(m); break;
+      case kEcho:
+        r.insert(kPid, static_cast<unsigned int>(getpid()));
+        r.insert(kValue, value_);
+        r.insert(kPayload, m.has(kSize) ? pattern(m.get(kSize)) : m.get(kPayload));
+        break;
       case kSilent: return;
-      case kForward: forward(m); return;  // answered from the reply callback
-      case kExchange: r = exchange(m); break;
-      case kTally: tally(m); return;
+      case kForward: {  // answered from the reply callback; the request is kept until then
+        message q = inner(m);
+        const auto answer = [this, held = m](const message& reply) {
+          message out = outcome(reply);
+          replyMessage(held, out);
+        };
+        postMessage(q, answer, m.get(kTicks, kNoTimeout));
+        return;
+      }
+      case kExchange: {
+        message q = inner(m);
+        r = outcome(exchangeMessage(q, static_cast<int>(m.get(kTicks))));
+        break;
+      }
+      case kTally: ++tallied_, lastSeq_ = m.get(kSeq); return;
       case kStatus: r = status(); break;
       case kChange: change(m); break;
-      case kSubscribeTo: subscribeTo(m); break;
+      case kSubscribeTo: {
+        message filter;
+        filter.insert(kTag, m.get(kTag));
+        if (m.has(kCredits)) filter.insert(SYS_CREDITS, m.get(kCredits));
+        subscribe(m.get(kTarget), CMD_NOTIFY, filter);
+        break;
+      }
       case kSendFds: sendFds(m); break;
       case kTakeFd: takeFd(m); return;
       case kLeave: getLooper()->tellLeave(); break;
-      case CMD_NOTIFY: notified(m); return;
+      case CMD_NOTIFY:
+        for (const message& o : m.get(STD_OBJS))
+          objIds_.push_back(o.get(STD_ID)), objVersions_.push_back(o.get(kVersion));
+        return;
       default: Handler::handleCmd(m, cmd); return;
     }
     replyMessage(m, r);
@@ -72,43 +103,10 @@ class TestHandler : public Handler {
   }
 
  private:
-  message echo(const message& m) {
-    message r;
-    r.insert(kPid, static_cast<unsigned int>(getpid()));
-    r.insert(kValue, value_);
-    r.insert(kPayload, m.has(kSize) ? pattern(m.get(kSize)) : m.get(kPayload));
-    return r;
-  }
-
-  // The request itself is kept until its answer can be given.
-  void forward(const message& req) {
-    message inner = req.get(kInner);
-    inner.insert(SYS_TO, req.get(kTarget));
-    const message held = req;
-    postMessage(inner, [this, held](const message& r) { answerWith(held, r); }, req.get(kTicks, kNoTimeout));
-  }
-  void answerWith(const message& req, const message& r) {
-    message out = outcome(r);
-    replyMessage(req, out);
-  }
-  static message outcome(const message& r) {
-    unsigned int code = ERROR_OK;
-    isError(r, &code, nullptr);
-    message out;
-    out.insert(kError, code);
-    out.insert(kReply, r);
-    return out;
-  }
-
-  message exchange(const message& req) {
-    message inner = req.get(kInner);
-    inner.insert(SYS_TO, req.get(kTarget));
-    return outcome(exchangeMessage(inner, static_cast<int>(req.get(kTicks))));
-  }
-
-  void tally(const message& m) {
-    ++tallied_;
-    lastSeq_ = m.get(kSeq);
+  static message inner(const message& req) {
+    message m = req.get(kInner);
+    m.insert(SYS_TO, req.get(kTarget));
+    return m;
   }
 
   message status() const {
@@ -117,8 +115,7 @@ class TestHandler : public Handler {
     r.insert(kLastSeq, lastSeq_);
     r.insert(kSeqs, seqs_);
     r.insert(kTexts, texts_);
-    const auto* subs = subscribers();
-    r.insert(kSubscribers, subs ? static_cast<unsigned int>(subs->size()) : 0u);
+    r.insert(kSubscribers, subscribers() ? static_cast<unsigned int>(subscribers()->size()) : 0u);
     r.insert(kPending, static_cast<unsigned int>(pendingRequests()));
     r.insert(kObjIds, objIds_);
     r.insert(kObjVersions, objVersions_);
@@ -136,20 +133,6 @@ class TestHandler : public Handler {
     }
   }
 
-  void subscribeTo(const message& m) {
-    message filter;
-    filter.insert(kTag, m.get(kTag));
-    if (m.has(kCredits)) filter.insert(SYS_CREDITS, m.get(kCredits));
-    subscribe(m.get(kTarget), CMD_NOTIFY, filter);
-  }
-
-  void notified(const message& m) {
-    for (const message& o : m.get(STD_OBJS)) {
-      objIds_.push_back(o.get(STD_ID));
-      objVersions_.push_back(o.get(kVersion));
-    }
-  }
-
   // Each pipe is filled and its write end closed before the read end goes
   // out, so the receiver reads the text and then the end of file.
   void sendFds(const message& m) {
@@ -161,25 +144,22 @@ class TestHandler : public Handler {
       out.insert(kSeq, seq);
       if (m.has(kSize)) out.insert(kPayload, pattern(m.get(kSize)));
       UniqueFd readEnd;
-      if (std::find(fdAt.begin(), fdAt.end(), seq) != fdAt.end()) {
-        int p[2];
-        if (pipe2(p, O_CLOEXEC) != 0) continue;
+      int p[2];
+      if (std::find(fdAt.begin(), fdAt.end(), seq) != fdAt.end() && pipe2(p, O_CLOEXEC) == 0) {
         readEnd.reset(p[0]);
-        UniqueFd writeEnd(p[1]);
+        const UniqueFd writeEnd(p[1]);
         const std::string text = fdText(seq);
         if (write(writeEnd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) continue;
         out.insert(SYS_FD, static_cast<unsigned int>(readEnd.get()));
       }
-      // Once written, the descriptor is the Looper's to pass and close.
-      if (sendMessage(out)) readEnd.release();
+      if (sendMessage(out)) readEnd.release();  // the Looper's to pass and close now
     }
   }
 
   void takeFd(const message& m) {
     seqs_.push_back(m.get(kSeq));
     std::string text;
-    unsigned int fd;
-    if (m.extract(SYS_FD, fd)) {
+    if (unsigned int fd; m.extract(SYS_FD, fd)) {
       const UniqueFd own(static_cast<int>(fd));
       char buf[64];
       const ssize_t n = read(own.get(), buf, sizeof buf);
@@ -188,14 +168,10 @@ class TestHandler : public Handler {
     texts_.push_back(text);
   }
 
-  unsigned int value_ = 0;
-  unsigned int tallied_ = 0;
-  unsigned int lastSeq_ = 0;
-  std::vector<unsigned int> seqs_;
+  unsigned int value_ = 0, tallied_ = 0, lastSeq_ = 0, objectBytes_ = 0;
+  std::vector<unsigned int> seqs_, objIds_, objVersions_;
   std::vector<std::string> texts_;
   std::map<unsigned int, unsigned int> versions_;
-  unsigned int objectBytes_ = 0;
-  std::vector<unsigned int> objIds_, objVersions_;
 };
 
 }  // namespace

@@ -52,8 +52,7 @@ std::string errorOf(const std::string& json) {
   return ok ? "" : error;
 }
 
-// ---- Random messages: every kind, flag bits, edge values, nesting ------------
-
+// Random messages: every kind, flag bits, edge values, nesting.
 constexpr unsigned kU32Edges[] = {0, 1, 2, 255, 256, 0xFFFFFFFF, 0xFE0004, 0xFE0009, 0xFE000D};
 constexpr unsigned long long kU64Edges[] = {0, 1, ~0ull, 1ull << 63, 4294967296ull};
 constexpr uint32_t kNamedNumbers[] = {0xFF0001, 0xFF0002, 0xFF0003, 0xFF0004, 0xFF0007, 0xFF0008,
@@ -123,14 +122,11 @@ class Gen {
   std::mt19937 rng_;
 };
 
-// ---- The printed form -------------------------------------------------------------
-
 // One message that shows most rules at once; its text is the convention.
 message representative() {
-  message inner;
+  message inner, m;
   inner.insert(kr::STD_NAME, std::string("eth0"));
   inner.insert(kr::u32_id(0x2000005), 7);
-  message m;
   m.insert(kr::SYS_CMD, kr::CMD_GETALL);
   m.insert(kr::SYS_TYPE, 0u);
   m.insert(kr::SYS_REPLYEXP, true);
@@ -209,14 +205,6 @@ TEST(msgjsonText, FieldNamesWithoutFlagBitsAndU32ValuesInTheirOwnFamilyAreNamed)
   }
 }
 
-// ---- Round trips --------------------------------------------------------------------
-
-std::string joinMembers(auto begin, auto end) {
-  std::string s = "{";
-  for (auto it = begin; it != end; ++it) s += (s.size() > 1 ? "," : "") + *it;
-  return s + "}";
-}
-
 // Also: members come in ascending order of the complete id however the
 // message was built (insertion order, table growth, removals), and reading
 // ignores member order.
@@ -230,20 +218,20 @@ TEST(msgjsonRoundTrip, GeneratedMessagesComeBackEqualAndPrintInIdOrder) {
     ASSERT_EQ(messageToJson(parse(pretty)), pretty);
     std::vector<unsigned> ids = m.ids();
     std::sort(ids.begin(), ids.end());
-    std::vector<std::string> members, odd;  // each field's own text; those at odd positions
-    for (unsigned id : ids) {
-      message single = m;
-      for (unsigned other : ids) if (other != id) single.remove(other);
-      const std::string t = messageToJson(single, -1);
-      members.push_back(t.substr(1, t.size() - 2));
-      if (members.size() % 2 == 0) odd.push_back(members.back());
-    }
-    ASSERT_EQ(messageToJson(m, -1), joinMembers(members.begin(), members.end()));
-    const std::string reversed = joinMembers(members.rbegin(), members.rend());
-    ASSERT_EQ(parse(reversed), m) << reversed;
+    std::string inOrder, reversed, odd;  // each field's own text joined; and of those at odd positions
     message trimmed = m;
-    for (size_t k = 0; k < ids.size(); k += 2) trimmed.remove(ids[k]);
-    ASSERT_EQ(messageToJson(trimmed, -1), joinMembers(odd.begin(), odd.end()));
+    for (size_t k = 0; k < ids.size(); ++k) {
+      message single = m;
+      for (unsigned other : ids) if (other != ids[k]) single.remove(other);
+      const std::string t = messageToJson(single, -1), member = t.substr(1, t.size() - 2);
+      inOrder += (k ? "," : "") + member;
+      reversed = member + (k ? "," : "") + reversed;
+      if (k % 2) odd += (odd.empty() ? "" : ",") + member;
+      else trimmed.remove(ids[k]);
+    }
+    ASSERT_EQ(messageToJson(m, -1), "{" + inOrder + "}");
+    ASSERT_EQ(parse("{" + reversed + "}"), m) << reversed;
+    ASSERT_EQ(messageToJson(trimmed, -1), "{" + odd + "}");
     // The flat routes: bytes -> the message's text; text -> the flat form
     // of the message the text reads as.
     const Bytes f = flat(m);
@@ -251,12 +239,10 @@ TEST(msgjsonRoundTrip, GeneratedMessagesComeBackEqualAndPrintInIdOrder) {
     ASSERT_TRUE(flatToJson(f.data(), f.size(), fromFlat, error)) << error;
     ASSERT_EQ(fromFlat, pretty);
     Bytes f2;
-    ASSERT_TRUE(flatFromJson(reversed, f2, error)) << error;
-    ASSERT_EQ(f2, flat(parse(reversed)));  // SYS_TO and SYS_FROM first, as flatten writes them
+    ASSERT_TRUE(flatFromJson("{" + reversed + "}", f2, error)) << error;
+    ASSERT_EQ(f2, flat(parse("{" + reversed + "}")));  // SYS_TO and SYS_FROM first, as flatten writes them
   }
 }
-
-// ---- Errors ---------------------------------------------------------------------------
 
 // An expected text ending in ": " is the prefix of a malformed-JSON error
 // (the rest is the parser's own wording).
@@ -268,7 +254,6 @@ TEST(msgjsonErrors, ErrorsNameTheJsonPositionOrTheMemberPath) {
   const std::pair<std::string, std::string> cases[] = {
       {"", "JSON error at line 1, column 1 (byte 1): "},
       {"{\n  \"u32:1\": 5,\n  \"u32:2\" 6\n}", "JSON error at line 3, column 11 (byte 27): "},
-      {"{\"u32:1\": tru}", "JSON error at line 1, column 14 (byte 14): "},
       {"{\"u32:1\": 1} x", "JSON error at line 1, column 14 (byte 14): "},
       {"{\"string:1\": \"\xff\"}", "JSON error at line 1, column 15 (byte 15): "},
       {"[1]", "the JSON text is not an object"},
@@ -309,7 +294,6 @@ TEST(msgjsonErrors, ErrorsNameTheJsonPositionOrTheMemberPath) {
        R"(at "message:1": the nested message takes 80014 bytes, more than 65535)"},
       // Hostile nesting.
       {std::string(100000, '['), "JSON nested deeper than 64 levels"},
-      {std::string(64, '[') + std::string(64, ']'), "the JSON text is not an object"},
       {deep + "{}" + std::string(63, '}'), ""},  // 64 objects deep
       {deep + R"({"message:0x1": {})" + std::string(64, '}'), "JSON nested deeper than 64 levels"},
   };
@@ -320,8 +304,6 @@ TEST(msgjsonErrors, ErrorsNameTheJsonPositionOrTheMemberPath) {
   }
 }
 
-// ---- The kr-msg binary ------------------------------------------------------------
-
 struct RunResult { std::string out, err; };
 
 // Runs kr-msg with `input` on standard input, expecting exit `status`.
@@ -331,8 +313,8 @@ RunResult krMsg(const std::string& args, const std::string& input, int status = 
   const std::string d = dir;
   std::ofstream(d + "/in", std::ios::binary) << input;
   const int got = std::system((KR_MSG_BINARY " " + args + " <" + d + "/in >" + d + "/out 2>" + d + "/err").c_str());
-  EXPECT_EQ(WIFEXITED(got) ? WEXITSTATUS(got) : -1, status) << args << ": " << readFile(d + "/err");
   RunResult r{readFile(d + "/out"), readFile(d + "/err")};
+  EXPECT_EQ(WIFEXITED(got) ? WEXITSTATUS(got) : -1, status) << args << ": " << r.err;
   std::filesystem::remove_all(d);
   return r;
 }
