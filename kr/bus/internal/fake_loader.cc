@@ -55,12 +55,7 @@ FakeLoader::FakeLoader() {
   }
 }
 
-int parkFd3() {
-  if (!fdOpen(3)) return -1;
-  const int moved = fcntl(3, F_DUPFD_CLOEXEC, 10);
-  close(3);
-  return moved;
-}
+int parkFd3() { return fdOpen(3) ? above3(3) : -1; }
 
 FakeLoader::~FakeLoader() {
   detach();
