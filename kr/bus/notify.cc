@@ -86,19 +86,26 @@ Handler::Subscriber* nextListener(SubscriberMap& subscriptions, const std::vecto
 
 // ---- Subscribing ----------------------------------------------------------------
 
-bool Handler::subscribe(const std::vector<unsigned int>& path, unsigned int cmd, const message& filter) {
+namespace {
+// A CMD_SUBSCRIBE or CMD_UNSUBSCRIBE of `filter` to notify command `cmd` of
+// the handler at `path`.
+message subscriptionRequest(const std::vector<unsigned int>& path, unsigned int cmd, const message& filter,
+                            unsigned int request) {
   message m = filter;
   m.insert(SYS_TO, path);
-  m.insert(SYS_CMD, CMD_SUBSCRIBE);
+  m.insert(SYS_CMD, request);
   m.insert(SYS_NOTIFYCMD, cmd);
+  return m;
+}
+}  // namespace
+
+bool Handler::subscribe(const std::vector<unsigned int>& path, unsigned int cmd, const message& filter) {
+  message m = subscriptionRequest(path, cmd, filter, CMD_SUBSCRIBE);
   return sendMessage(m);
 }
 
 bool Handler::unsubscribe(const std::vector<unsigned int>& path, unsigned int cmd, const message& filter) {
-  message m = filter;
-  m.insert(SYS_TO, path);
-  m.insert(SYS_CMD, CMD_UNSUBSCRIBE);
-  m.insert(SYS_NOTIFYCMD, cmd);
+  message m = subscriptionRequest(path, cmd, filter, CMD_UNSUBSCRIBE);
   return sendMessage(m);
 }
 
