@@ -36,20 +36,11 @@
 
 #include "platform/loader/frame.cc"  // NOLINT(bugprone-suspicious-include)
 
+#include "fuzz/fuzz_check.h"
+
 namespace {
 
 using kr::loader::FrameError;
-
-[[noreturn]] void fail(const char* what, size_t detail) {
-  std::fprintf(stderr, "loader_frame_fuzzer: invariant violated: %s (%zu)\n", what, detail);
-  std::fflush(stderr);
-  std::abort();
-}
-
-#define CHECK(cond, detail) \
-  do {                      \
-    if (!(cond)) fail(#cond, size_t(detail)); \
-  } while (0)
 
 struct Chunk {
   size_t begin = 0, end = 0;  // in the stream

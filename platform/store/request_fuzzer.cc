@@ -24,22 +24,13 @@
 
 #include "platform/store/request.cc"  // NOLINT(bugprone-suspicious-include)
 
+#include "fuzz/fuzz_check.h"
+
 namespace {
 
 using kr::storesvc::ParseError;
 using kr::storesvc::Request;
 namespace s = kr::storesvc;
-
-[[noreturn]] void fail(const char* what, size_t detail) {
-  std::fprintf(stderr, "store_request_fuzzer: invariant violated: %s (%zu)\n", what, detail);
-  std::fflush(stderr);
-  std::abort();
-}
-
-#define CHECK(cond, detail) \
-  do {                      \
-    if (!(cond)) fail(#cond, size_t(detail)); \
-  } while (0)
 
 uint32_t wordAt(const uint8_t* p, size_t i) {
   uint32_t w;
@@ -102,7 +93,7 @@ std::vector<uint8_t> encode(const Request& r) {
       put(out, r.label.data(), r.label.size());
       break;
     case s::kReset: put(out, r.flag); break;
-    default: fail("kind out of range", r.kind);
+    default: CHECK(!"kind out of range", r.kind);
   }
   return out;
 }
