@@ -26,6 +26,7 @@ std::string runtimePath(std::string_view rest) {
 std::string loaderSocketPath() { return runtimePath("/korasock"); }
 std::string storeSocketPath() { return runtimePath("/storereg"); }
 std::string logSocketPath() { return runtimePath("/logsocket"); }
+std::string logControlSocketPath() { return runtimePath("/logctl"); }
 std::string rtracePath() { return runtimePath("/rtrace"); }
 std::string crashReportDir() { return runtimePath("/crash"); }
 

@@ -35,6 +35,9 @@ std::string loaderSocketPath();
 std::string storeSocketPath();
 // The log service's socket: "/ram/logsocket".
 std::string logSocketPath();
+// The log service's control socket, where people follow the log and mute
+// topics (kr-log, kr-cli log): "/ram/logctl".
+std::string logControlSocketPath();
 // The marker file a daemon called `name` keeps while it runs: "/ram/run/<name>".
 std::string runMarkerPath(std::string_view name);
 // The event trace: "/ram/rtrace".
