@@ -38,6 +38,28 @@ AddressList::~AddressList() {
   for (kr::SecObject* o : all) delete o;
 }
 
+void AddressList::start() {
+  init();
+  log_ << "address table restored: " << order.size() << " entries" << std::endl;
+  started_ = true;
+}
+
+void AddressList::objAdded(kr::SecObject* obj) {
+  if (started_) log_ << "added entry " << obj->id << ": " << obj->describe() << std::endl;
+}
+
+void AddressList::objChanged(kr::SecObject* before, kr::SecObject* obj) {
+  AddressEntry* was = entry(before);
+  AddressEntry* is = entry(obj);
+  log_ << "changed entry " << obj->id << ": " << is->describe();
+  if (was->disabled != is->disabled) log_ << (is->disabled ? ", disabled" : ", enabled");
+  log_ << std::endl;
+}
+
+void AddressList::objRemoved(kr::SecObject* obj) {
+  log_ << "removed entry " << obj->id << ": " << obj->describe() << std::endl;
+}
+
 kr::message AddressList::place(kr::SecObject* obj, kr::SecObject* next) {
   AddressEntry* e = entry(obj);
   if (e->address.empty()) return kr::errorMsg(kr::ERROR_MISSING, "an address (string 1) is needed");

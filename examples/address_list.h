@@ -17,6 +17,8 @@
 #include <list>
 #include <string>
 
+#include "examples/log_topics.h"
+#include "kr/log/lstream.h"
 #include "kr/store/secmap.h"
 
 namespace example {
@@ -46,14 +48,18 @@ class AddressList : public kr::ASecMap {
   AddressList();
   ~AddressList() override;
 
+  // Reads the table from the store service (ASecMap::init()); changes
+  // after this are logged.
+  void start();
+
  protected:
   kr::message checkRestore(kr::SecObject* obj) override;
   kr::message checkAdd(kr::SecObject* obj, kr::SecObject* next) override;
   kr::message checkSet(kr::SecObject* before, kr::SecObject* obj, kr::SecObject* next) override;
   kr::message checkRemove(kr::SecObject* obj) override;
-  void objAdded(kr::SecObject*) override {}
-  void objChanged(kr::SecObject*, kr::SecObject*) override {}
-  void objRemoved(kr::SecObject*) override {}
+  void objAdded(kr::SecObject* obj) override;
+  void objChanged(kr::SecObject* before, kr::SecObject* obj) override;
+  void objRemoved(kr::SecObject* obj) override;
   kr::SecObject* prevObj(kr::SecObject* obj) override;
   kr::SecObject* nextObj(kr::SecObject* obj, kr::message& scratch) override;
   kr::SecObject* newObj() override { return new AddressEntry; }
@@ -64,6 +70,8 @@ class AddressList : public kr::ASecMap {
   kr::message place(kr::SecObject* obj, kr::SecObject* next);
 
   std::list<AddressEntry*> order;
+  bool started_ = false;  // restoring adds entries too, silently
+  kr::lstream log_{kTopicExample, kTopicTable, 0u};
 };
 
 }  // namespace example

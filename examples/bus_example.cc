@@ -14,6 +14,10 @@
 // (coalesced over 200 ms, as the handler base does), and it survives an
 // orderly restart through the persistent data the loader keeps.
 //
+// It logs through kr::lstream to the log service (topics in log_topics.h):
+// one line per greeting under example.requests, table changes under
+// example.table, and its start and stop under example.
+//
 // Started by kr-loader (descriptor 3) or by hand (the socket under
 // KR_RUNTIME_DIR). The loader stops it with its leave protocol.
 #include <cstdlib>
@@ -24,8 +28,10 @@
 #include <unistd.h>
 
 #include "examples/address_list.h"
+#include "examples/log_topics.h"
 #include "kr/bus/handler.h"
 #include "kr/bus/looper.h"
+#include "kr/log/lstream.h"
 #include "kr/message/protocol.h"
 #include "kr/message/vocabulary.h"
 
@@ -64,6 +70,7 @@ class Greeter : public kr::Handler {
       return kr::errorMsg(kr::ERROR_MISSING, "a non-empty greeting (string 1) is needed");
     }
     greeting_ = greeting;
+    log_ << "greeting is now \"" << greeting_ << '"' << std::endl;
     notifyChange(kObjectId);
     return kr::message();
   }
@@ -86,8 +93,11 @@ class Greeter : public kr::Handler {
     const std::string name = m.get(kGreeting);
     ++count_;
     notifyChange(kObjectId);
+    const std::string text = greeting_ + ", " + (name.empty() ? std::string("world") : name) + "!";
+    // Composing the line costs something: skip it while nobody listens.
+    if (!requestLog_.isMuted()) requestLog_ << "greeting " << count_ << ": " << text << std::endl;
     kr::message r;
-    r.insert(kGreeting, greeting_ + ", " + (name.empty() ? std::string("world") : name) + "!");
+    r.insert(kGreeting, text);
     r.insert(kCount, count_);
     return r;
   }
@@ -123,6 +133,8 @@ class Greeter : public kr::Handler {
 
   std::string greeting_ = "Hello";
   unsigned int count_ = 0;
+  kr::lstream log_{example::kTopicExample, 0u};
+  kr::lstream requestLog_{example::kTopicExample, example::kTopicRequests, 0u};
 };
 
 // The loader starts its daemons together: wait (up to 5 s) until the store
@@ -156,8 +168,12 @@ int main(int argc, char** argv) {
   awaitStoreService(looper);
   example::AddressList addresses;
   looper.addHandler(kAddressesId, &addresses);
-  addresses.init();
+  addresses.start();
+  kr::lstream log(example::kTopicExample, 0u);
+  log << "kr-example serving at address " << address << std::endl;
   looper.setupLeave(1);  // the loader may stop us whenever it likes
   looper.run();
+  // Sent at once: the connection is up and idle by now.
+  log << "kr-example leaving" << std::endl;
   return 0;
 }
