@@ -14,5 +14,6 @@ set(KR_FUZZ_TARGETS
   msgjson tools/kr-msg/msgjson_fuzzer.cc
   loader_frame platform/loader/frame_fuzzer.cc
   store_request platform/store/request_fuzzer.cc
+  log_records platform/log/records_fuzzer.cc
   log_mute kr/log/mute_fuzzer.cc
 )

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <sstream>
 
 #include "kr/bus/handler.h"
@@ -21,6 +22,7 @@
 #include "kr/util/runtime_dir.h"
 #include "kr/util/unique_fd.h"
 #include "platform/loader/protocol.h"
+#include "platform/log/control_client.h"
 #include "tools/kr-msg/msgjson.h"
 
 namespace kr::cli {
@@ -40,6 +42,13 @@ const char kUsageText[] =
     "       [--push]             the whole state first\n"
     "       [--count N]          leave after N notify messages\n"
     "  monitor                   print every frame the loader delivers, one line each\n"
+    "  log [follow]              print kr-log's lines as they are written (no bus needed)\n"
+    "       [--tail N]           the last N lines first (at most 1000)\n"
+    "       [--topic T]...       only lines of topic T, a name or a number (any of several)\n"
+    "       [--program P]...     only lines of program P (any of several)\n"
+    "       [--count N]          leave after N lines\n"
+    "  log mute T | unmute T     silence or allow topic T in every daemon\n"
+    "  log status                kr-log's clients and muted topics\n"
     "\n"
     "PATH is a bus path, elements separated by '/', each decimal or 0x-hex: 40/10.\n"
     "JSON and FILTER are messages in the kr-msg JSON form: '{\"string:1\": \"Ada\"}'.\n"
@@ -50,7 +59,7 @@ const char kUsageText[] =
     "  --dump              print the dump form instead of JSON\n"
     "  --compact           JSON on one line\n"
     "  --all-fields        keep the routing and request fields in what is printed\n"
-    "Exit status: 0 ok, 1 failed (error answer, time-out, no loader), 2 bad usage.\n";
+    "Exit status: 0 ok, 1 failed (error answer, time-out, no loader or kr-log), 2 bad usage.\n";
 
 namespace {
 
@@ -211,15 +220,29 @@ bool countArg(const std::string& option, const std::string& value, unsigned int*
   return true;
 }
 
+// A filter of log follow: one word of the request line.
+bool logWord(const std::string& option, const std::string& value, std::vector<std::string>* out, std::string* error) {
+  if (!logsvc::isRequestWord(value)) return failWith(error, "bad " + option + " '" + value + "'");
+  out->push_back(value);
+  return true;
+}
+
+// Which command an option goes with: listen only, listen or log follow
+// (--count), log follow only.
+struct OptionUse {
+  bool listen = false, count = false, log = false;
+};
+
 // The options; the other words go to `words`. False on a bad option.
-bool parseOptions(const Args& args, Options* o, Args* words, std::string* error, bool* help, bool* listenOnly) {
+bool parseOptions(const Args& args, Options* o, Args* words, std::string* error, bool* help, OptionUse* use) {
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     if (a.size() < 2 || a[0] != '-') {
       words->push_back(a);
       continue;
     }
-    const bool takesValue = a == "--socket" || a == "--timeout" || a == "--credits" || a == "--count";
+    const bool takesValue = a == "--socket" || a == "--timeout" || a == "--credits" || a == "--count" ||
+                            a == "--tail" || a == "--topic" || a == "--program";
     if (takesValue && i + 1 == args.size()) return failWith(error, a + " needs a value");
     const std::string value = takesValue ? args[++i] : "";
     bool ok = true;
@@ -232,9 +255,15 @@ bool parseOptions(const Args& args, Options* o, Args* words, std::string* error,
     else if (a == "--push") o->push = true;
     else if (a == "--credits") ok = countArg(a, value, &o->credits, error);
     else if (a == "--count") ok = countArg(a, value, &o->count, error);
+    else if (a == "--tail")
+      ok = (parseNumber(value, &o->logTail) && o->logTail <= 1000) || failWith(error, "bad --tail '" + value + "'");
+    else if (a == "--topic") ok = logWord(a, value, &o->logTopics, error);
+    else if (a == "--program") ok = logWord(a, value, &o->logPrograms, error);
     else return failWith(error, "unknown option " + a);
     if (!ok) return false;
-    if (a == "--push" || a == "--credits" || a == "--count") *listenOnly = true;
+    use->listen |= a == "--push" || a == "--credits";
+    use->count |= a == "--count";
+    use->log |= a == "--tail" || a == "--topic" || a == "--program";
   }
   return true;
 }
@@ -566,21 +595,49 @@ std::string pathText(const Path& path) {
   return out;
 }
 
+// log [follow] | log mute T | log unmute T | log status: the request line
+// for kr-log's control socket.
+bool parseLog(const Args& rest, const OptionUse& use, Options* o, std::string* error) {
+  const std::string sub = rest.empty() ? "follow" : rest[0];
+  const bool follow = sub == "follow";
+  const bool takesTopic = sub == "mute" || sub == "unmute";
+  if (!follow && !takesTopic && sub != "status") return failWith(error, "unknown log command '" + sub + "'");
+  const bool shapeOk = follow ? rest.size() <= 1
+                              : rest.size() == (takesTopic ? 2u : 1u) && (!takesTopic || logsvc::isRequestWord(rest[1]));
+  if (!shapeOk)
+    return failWith(error, "usage: kr-cli log [follow] [--tail N] [--topic T]... [--program P]... [--count N] | "
+                           "log mute T | log unmute T | log status");
+  if (!follow && (use.log || use.count))
+    return failWith(error, "--tail, --topic, --program and --count go with log follow");
+  if (use.listen) return failWith(error, "--credits and --push go with listen");
+  o->command = Command::kLog;
+  o->logRequest = follow ? logsvc::followRequest(o->logTail, o->logTopics, o->logPrograms)
+                         : takesTopic ? sub + " " + rest[1] : sub;
+  return true;
+}
+
 bool parseArgs(const std::vector<std::string>& args, Options* out, std::string* error, bool* help) {
   Options o;
   Args words;
-  bool listenOnly = false;
+  OptionUse use;
   *help = false;
-  if (!parseOptions(args, &o, &words, error, help, &listenOnly)) return false;
+  if (!parseOptions(args, &o, &words, error, help, &use)) return false;
   if (*help) return true;
   if (words.empty()) return failWith(error, "no command");
+  if (words.front() == "log") {
+    if (!parseLog(Args(words.begin() + 1, words.end()), use, &o, error)) return false;
+    *out = std::move(o);
+    return true;
+  }
   const Verb* verb = findVerb(words.front());
   if (!verb) return failWith(error, "unknown command '" + words.front() + "'");
   const Args rest(words.begin() + 1, words.end());
   if (rest.size() < verb->minArgs || rest.size() > verb->maxArgs) {
     return failWith(error, std::string("usage: kr-cli ") + verb->name + " " + verb->synopsis);
   }
-  if (listenOnly && verb->command != Command::kListen) return failWith(error, "--credits, --push and --count go with listen");
+  if ((use.listen || use.count) && verb->command != Command::kListen)
+    return failWith(error, "--credits, --push and --count go with listen");
+  if (use.log) return failWith(error, "--tail, --topic and --program go with log follow");
   if (o.dump && o.compact) return failWith(error, "--dump and --compact exclude each other");
   if (!rest.empty() && !parsePath(rest[0], &o.path)) return failWith(error, "bad PATH '" + rest[0] + "'");
   o.command = verb->command;
@@ -630,7 +687,17 @@ std::string renderEvent(const message& event, const Options& o) {
 
 // ---- Running -----------------------------------------------------------------------------
 
+// kr-log's control socket: one request, the answer printed.
+int runLog(const Options& o) {
+  std::string error;
+  if (logsvc::runControlRequest(logControlSocketPath(), o.logRequest, std::cout, o.count, &error) == logsvc::kControlOk)
+    return kExitOk;
+  note(error);
+  return kExitFailed;
+}
+
 int runClient(const Options& o) {
+  if (o.command == Command::kLog) return runLog(o);
   UniqueFd fd = connectToLoader(o.socketPath.empty() ? loaderSocketPath() : o.socketPath);
   if (!fd) return kExitFailed;
   constexpr int kBusDescriptor = 3;

@@ -6,6 +6,7 @@
 //   kr-cli call 40/10 0x100 '{"string:1": "Ada"}'
 //   kr-cli listen 40/10 --compact --count 1
 //   kr-cli monitor
+//   kr-cli log --topic example --tail 10   follow kr-log's lines (no bus)
 //
 // The work is split so that the parsing can be tested in process: parseArgs()
 // turns the command line into Options (the request ready to send), and
@@ -32,7 +33,7 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 
-enum class Command { kCall, kGet, kSet, kGetAll, kAdd, kRemove, kMove, kListen, kMonitor };
+enum class Command { kCall, kGet, kSet, kGetAll, kAdd, kRemove, kMove, kListen, kMonitor, kLog };
 
 struct Options {
   std::string socketPath;           // empty: kr::loaderSocketPath()
@@ -51,6 +52,12 @@ struct Options {
   unsigned int credits = 0;
   bool push = false;
   unsigned int count = 0;
+  // log: the request line for kr-log's control socket (docs/log.md), built
+  // from the words after "log" and, for follow, the filters below; count
+  // then ends the follow after that many lines. No bus is joined.
+  std::string logRequest;
+  unsigned int logTail = 0;
+  std::vector<std::string> logTopics, logPrograms;
 };
 
 // A u32 written in decimal or as 0x-hex ("40", "0x28"); nothing else, not
@@ -79,7 +86,8 @@ std::string renderList(const std::vector<message>& ms, const Options& o);
 // One line for a monitor event: "30 -> 31  CMD_GET  {frame as compact JSON}".
 std::string renderEvent(const message& event, const Options& o);
 
-// Connects to the loader and carries out o; the exit status. Output goes to
+// Connects to the loader and carries out o (or, for log, to kr-log's
+// control socket); the exit status. Output goes to
 // standard output, failures to standard error as "kr-cli: ..." lines.
 int runClient(const Options& o);
 

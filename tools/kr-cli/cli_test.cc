@@ -97,6 +97,23 @@ TEST(cliParse, EachCommandBuildsItsRequest) {
     parsed(bad, false);
 }
 
+TEST(cliParse, LogBuildsKrLogsRequestLine) {
+  EXPECT_EQ(parsed({"log"}).logRequest, "follow");
+  const Options o = parsed({"log", "follow", "--tail", "5", "--topic", "example", "--topic", "0x29", "--program",
+                            "dhcpd", "--count", "2"});
+  EXPECT_EQ(o.command, Command::kLog);
+  EXPECT_EQ(o.logRequest, "follow tail=5 topic=example topic=0x29 program=dhcpd");
+  EXPECT_EQ(o.count, 2u);
+  EXPECT_EQ(parsed({"log", "mute", "example"}).logRequest, "mute example");
+  EXPECT_EQ(parsed({"log", "unmute", "41"}).logRequest, "unmute 41");
+  EXPECT_EQ(parsed({"log", "status"}).logRequest, "status");
+  for (const Strings& bad : std::vector<Strings>{
+           {"log", "frob"}, {"log", "mute"}, {"log", "mute", "a", "b"}, {"log", "follow", "x"}, {"log", "status", "x"},
+           {"log", "status", "--tail", "1"}, {"log", "mute", "a", "--count", "1"}, {"log", "--topic", "a b"},
+           {"log", "--tail", "1001"}, {"log", "--push"}, {"get", "40", "--topic", "a"}})
+    parsed(bad, false);
+}
+
 // kr-cli as a child process, its standard output (0) and error (1) going to
 // the files `files`.out and .err.
 class CliProcess {
@@ -316,6 +333,41 @@ TEST_F(cliEndToEnd, GetAllFollowsTheContinuationToTheLastPage) {
   }
   EXPECT_EQ(getall->wait(), 1);
   EXPECT_NE(getall->all(1).find("getall is stuck at object 4"), npos) << getall->all(1);
+}
+
+// `log` needs no loader: a real kr-log on its own.
+TEST(cliLog, MutesShowsStatusAndFollowsWithoutTheBus) {
+  loader::testing::TempDir dir;
+  const pid_t log = fork();
+  if (log == 0) {
+    setenv("KR_RUNTIME_DIR", dir.path.c_str(), 1);
+    if (freopen((dir.path + "/kr-log.err").c_str(), "w", stderr)) execl(KR_LOG_BINARY, KR_LOG_BINARY, nullptr);
+    _exit(127);
+  }
+  int runs = 0;
+  const auto run = [&](const Strings& args) {
+    CliProcess p(dir.path, dir.path + "/cli" + std::to_string(++runs), args);
+    const int status = p.wait();
+    return Result{status, p.all(0), p.all(1)};
+  };
+  Result r{};
+  for (int i = 0; i < 500 && (r = run({"log", "mute", "41"})).status != 0; ++i) usleep(10000);
+  EXPECT_EQ(r.status, 0) << r.err;
+  r = run({"log", "status"});
+  EXPECT_EQ(r.out, "muted 41 41\n") << r.err;
+  r = run({"log", "--tail", "2", "--program", "kr-log", "--count", "2"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("kr-log: topic 41 (41) muted\n"), npos) << r.out;
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 2) << r.out;
+  EXPECT_EQ(run({"log", "mute", "nosuch"}).err, "kr-cli: unknown topic 'nosuch'\n");
+
+  kill(log, SIGTERM);
+  int status = -1;
+  EXPECT_EQ(waitpid(log, &status, 0), log);
+  EXPECT_EQ(status, 0);
+  r = run({"log", "status"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("kr-cli: cannot connect to kr-log at " + dir.path + "/logctl"), npos) << r.err;
 }
 
 TEST_F(cliEndToEnd, MonitorShowsARequestAndItsReply) {
