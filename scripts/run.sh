@@ -1,19 +1,21 @@
 #!/usr/bin/env bash
 # The main job: installs what is missing, builds kr, and runs the platform
-# on this machine in a private runtime directory: kr-loader starts the store
-# service and the example daemon, and kr-cli talks to them (a request and
-# its reply, a change and the notification a subscriber gets, a persistent
-# table edited, and found intact after both processes were killed). The
-# README walks through what this prints.
+# on this machine in a private runtime directory: kr-loader starts the log
+# service, the store service and the example daemon, and kr-cli talks to
+# them (a request and its reply, a change and the notification a subscriber
+# gets, the daemon's log lines and a topic muted, a persistent table edited,
+# and found intact after both processes were killed). The README walks
+# through what this prints.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc)" --target kr-loader kr-store kr-example kr-cli >/dev/null
+cmake --build build -j "$(nproc)" --target kr-loader kr-store kr-log kr-example kr-cli >/dev/null
 
 bin=$PWD/build
 loader=$bin/platform/loader/kr-loader
 store=$bin/platform/store/kr-store
+log=$bin/platform/log/kr-log
 example=$bin/examples/kr-example
 cli=$bin/tools/kr-cli/kr-cli
 
@@ -32,8 +34,10 @@ trap cleanup EXIT
 step() { printf '\n== %s\n' "$*"; }
 show() { printf '$ %s\n' "$*" | sed "s|$bin/[^ ]*/||g"; "$@"; }
 
-step "The platform: kr-loader starts kr-store (address 6) and kr-example (40)"
+step "The platform: kr-loader starts kr-log (address 7), kr-store (6) and kr-example (40)"
+cp platform/log/kr-log.conf "$KR_RUNTIME_DIR/kr-log.conf"
 cat >"$KR_RUNTIME_DIR/loader.conf" <<EOF
+daemon 7 always $log --config $KR_RUNTIME_DIR/kr-log.conf
 daemon 6 always $store
 daemon 40 always $example
 EOF
@@ -60,6 +64,20 @@ wait "$listener"
 echo "the subscriber printed:"
 cat "$KR_RUNTIME_DIR/listen.out"
 
+step "The log: kr-example writes through kr::lstream into kr-log"
+show "$cli" --compact call 40/10 0x100 '{"string:1": "Ada"}'
+show "$cli" log follow --program kr-example --tail 10 --count 5
+echo "muting one topic: the per-greeting lines stop, the rest go on"
+show "$cli" log mute example.requests
+sleep 0.2  # the mute order reaches the daemon
+show "$cli" --compact call 40/10 0x100 '{"string:1": "Grace"}'
+show "$cli" --compact set 40/10 '{"string:1": "Welcome"}'
+sleep 0.2
+show "$cli" log follow --program kr-example --tail 2 --count 2
+echo "(no line for Grace's greeting: the daemon did not even send it)"
+show "$cli" log status
+show "$cli" log unmute example.requests
+
 step "A persistent table: ordered address entries (handler 20)"
 "$cli" --compact listen 40/20 >"$KR_RUNTIME_DIR/table.out" &
 listener=$!
@@ -77,17 +95,24 @@ wait "$listener"
 echo "the subscriber printed:"
 cat "$KR_RUNTIME_DIR/table.out"
 
-step "Kill -9 both kr-example and kr-store; the loader restarts them"
-for program in kr-example kr-store; do
-  pid=$(pgrep -P "$loader_pid" -x "$program")
-  kill -KILL "$pid"
-  echo "killed $program (pid $pid)"
-done
+step "A crash and a kill: kr-example gets SIGSEGV, kr-store SIGKILL; the loader restarts them"
+example_pid=$(pgrep -P "$loader_pid" -x kr-example)
+kill -SEGV "$example_pid"
+echo "sent SIGSEGV to kr-example (pid $example_pid)"
+store_pid=$(pgrep -P "$loader_pid" -x kr-store)
+kill -KILL "$store_pid"
+echo "killed kr-store (pid $store_pid)"
 for _ in $(seq 100); do
   sleep 0.2
   "$cli" --timeout 1 getall 40/20 >/dev/null 2>&1 && break
 done
 show "$cli" getall 40/20
+echo "kr-example's crash report ends with the last lines it logged:"
+report="$KR_RUNTIME_DIR/crash/kr-example.$example_pid"
+head -n 1 "$report"
+sed -n '/^log tail:/,/^memory maps:/p' "$report" | sed '$d'
+echo "the table's changes, and the restart, in the log:"
+show "$cli" log follow --topic example.table --tail 20 --count 8
 
 step "Errors come back as errors"
 show "$cli" set 40/10 '{}' || echo "(exit status $?)"
@@ -98,5 +123,8 @@ kill -TERM "$loader_pid"
 wait "$loader_pid" && echo "kr-loader exited 0"
 loader_pid=
 # Each kr-cli took a dynamic address (65536 and up); their comings and
-# goings are left out.
-grep -Ev 'address [0-9]{5,}[ :]' "$KR_RUNTIME_DIR/loader.log" | sed 's/^/  /'
+# goings are left out, and so is the crash report shown above (the daemons'
+# standard error is the loader's).
+grep -Ev 'address [0-9]{5,}[ :]' "$KR_RUNTIME_DIR/loader.log" |
+  sed '/^\*\*\* kr crash report/,/^\*\*\* end of kr crash report/c\(the crash report of kr-example, as above)' |
+  sed 's/^/  /'
