@@ -9,7 +9,8 @@
 //   client -> service, registration (8 + 2k bytes):
 //     length, 0, 0, source id, topic 1 ... topic k
 //   client -> service, a line (4 + n bytes):
-//     length, source id (1 or more), n bytes of text (no newline, no NUL)
+//     length, source id (1 or more), n bytes of text (the client leaves a
+//     trailing newline out; other bytes pass as they are)
 //   service -> client, mute order (6 bytes):
 //     6, source id, muted (0: unmuted, anything else: muted)
 //

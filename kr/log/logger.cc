@@ -87,7 +87,14 @@ void Logger::log(Source* s, const char* text, unsigned int len) {
   traceLogLine(s->topics, text, len);
   tail_.append(text, len);
   if (s->muted) return;
-  if (!s->registered) sendRegistration(s);
+  if (!s->registered) {
+    sendRegistration(s);
+    // Sending it found the connection broken and closed it, which lost
+    // the registration: the line would reach the next connection without
+    // one, and the service would drop us. It goes the way of the lost
+    // records; the next line registers again.
+    if (!s->registered) return;
+  }
   // The length field is 16 bits and not checked: callers keep lines short
   // (lstream cuts them at 1024 characters).
   const size_t size = kLogLineHeader + len;
@@ -154,6 +161,7 @@ void Logger::connectToLog() {
   std::memcpy(addr.sun_path, path.data(), std::min(path.size(), sizeof addr.sun_path - 1));
   fd_ = fd;
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&addr), kAddressLength) == 0) {
+    retry_.cancel();  // a record got here first
     connected_ = true;
     runner->addSocket(fd, events_, bind<&Logger::onSocket>(this));
     if (!out_.empty()) sendPending();
