@@ -1,10 +1,10 @@
 #include "platform/loader/config.h"
 
-#include <charconv>
 #include <fstream>
 #include <set>
 #include <sstream>
 
+#include "platform/common/number.h"
 #include "platform/loader/protocol.h"
 
 namespace kr::loader {
@@ -23,18 +23,7 @@ std::vector<std::string> splitWords(std::string_view line) {
   return words;
 }
 
-// A whole word as an unsigned number; base 0 takes decimal or 0x-hex, base
-// 16 takes hex with or without 0x.
-bool parseNumber(std::string_view s, int base, uint32_t* out) {
-  if (base != 10 && s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) {
-    s.remove_prefix(2);
-    base = 16;
-  }
-  if (base == 0) base = 10;
-  if (s.empty()) return false;
-  const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), *out, base);
-  return ec == std::errc() && end == s.data() + s.size();
-}
+bool parseNumber(std::string_view s, int base, uint32_t* out) { return platform::parseUnsigned(s, out, base); }
 
 // One parser per keyword; each gets the words of its line after the keyword.
 struct Parser {

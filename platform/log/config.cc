@@ -1,11 +1,12 @@
 #include "platform/log/config.h"
 
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <vector>
+
+#include "platform/common/number.h"
 
 namespace kr::logsvc {
 
@@ -109,27 +110,13 @@ const std::string* TopicTable::find(uint16_t number) const {
 }
 
 bool parseTopicNumber(std::string_view text, uint16_t* out) {
-  int base = 10;
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    base = 16;
-    text.remove_prefix(2);
-  }
-  unsigned int v = 0;
-  const char* end = text.data() + text.size();
-  const auto [ptr, ec] = std::from_chars(text.data(), end, v, base);
-  if (text.empty() || ec != std::errc() || ptr != end || v == 0 || v > 0xFFFF) return false;
-  *out = uint16_t(v);
-  return true;
-}
-
-bool parseCount(std::string_view text, uint64_t* out) {
-  uint64_t v = 0;
-  const char* end = text.data() + text.size();
-  const auto [ptr, ec] = std::from_chars(text.data(), end, v);
-  if (text.empty() || ec != std::errc() || ptr != end) return false;
+  uint16_t v = 0;
+  if (!platform::parseUnsigned(text, &v) || v == 0) return false;
   *out = v;
   return true;
 }
+
+bool parseCount(std::string_view text, uint64_t* out) { return platform::parseUnsigned(text, out, 10); }
 
 bool parseConfig(std::string_view text, const std::string& path, Config* config, std::string* error) {
   std::vector<Pending> mutes;

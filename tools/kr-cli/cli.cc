@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +20,7 @@
 #include "kr/message/vocabulary.h"
 #include "kr/util/runtime_dir.h"
 #include "kr/util/unique_fd.h"
+#include "platform/common/number.h"
 #include "platform/loader/protocol.h"
 #include "platform/log/control_client.h"
 #include "tools/kr-msg/msgjson.h"
@@ -557,17 +557,7 @@ class Session : public Handler {
 // ---- Parsing ---------------------------------------------------------------------------
 
 bool parseNumber(std::string_view text, unsigned int* out) {
-  int base = 10;
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    base = 16;
-    text.remove_prefix(2);
-  }
-  unsigned int v = 0;
-  const char* end = text.data() + text.size();
-  const auto [ptr, ec] = std::from_chars(text.data(), end, v, base);
-  if (text.empty() || ec != std::errc() || ptr != end) return false;
-  *out = v;
-  return true;
+  return platform::parseUnsigned(text, out);
 }
 
 bool parsePath(std::string_view text, Path* out) {
