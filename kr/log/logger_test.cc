@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -27,20 +26,21 @@
 #include "kr/log/log_protocol.h"
 #include "kr/log/lstream.h"
 #include "kr/loop/runner.h"
+#include "kr/testing/child_process.h"
 #include "kr/util/runtime_dir.h"
 #include "kr/util/unique_fd.h"
 
 #ifndef KR_LOG_BINARY
-#define KR_LOG_BINARY "kr-log"  // built without the tools: the one on PATH
+#define KR_LOG_BINARY "/usr/bin/kr-log"  // built without the tools: an installed one
 #endif
 
 namespace kr {
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::CaptureStdout;
+using ::testing::internal::GetCapturedStderr;
+using ::testing::internal::GetCapturedStdout;
 using Bytes = std::vector<unsigned char>;
 
 constexpr unsigned kTopicExample = 40;
@@ -120,19 +120,14 @@ class LogTest : public ::testing::Test {
 
   std::string dir;
   std::optional<Runner> runner;
-  pid_t service = -1;
+  std::optional<testing::ChildProcess> service;
 
   // ---- The real kr-log ----------------------------------------------------
   void startService() {
     std::ofstream(dir + "/kr-log.conf") << "topic 40 example\ntopic 41 example.requests\n"
                                            "topic 42 example.table\n";
-    service = fork();
-    if (service == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      const std::string conf = dir + "/kr-log.conf", file = dir + "/kr.log";
-      execlp(KR_LOG_BINARY, "kr-log", "--config", conf.c_str(), "--file", file.c_str(), nullptr);
-      _exit(127);
-    }
+    service.emplace(KR_LOG_BINARY, std::vector<std::string>{"--config", dir + "/kr-log.conf", "--file", dir + "/kr.log"},
+                    testing::ChildOptions{.runtimeDir = dir});
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     while (!std::filesystem::exists(logControlSocketPath())) {
       ASSERT_LT(std::chrono::steady_clock::now(), end) << "kr-log did not start";
@@ -140,10 +135,10 @@ class LogTest : public ::testing::Test {
     }
   }
   void stopService(int sig = SIGTERM) {
-    if (service < 0) return;
-    kill(service, sig);
-    waitpid(service, nullptr, 0);
-    service = -1;
+    if (!service) return;
+    service->signal(sig);
+    service->wait();
+    service.reset();
   }
 
   // One control request; the whole answer.

@@ -8,20 +8,18 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "kr/testing/child_process.h"
 #include "kr/util/fd_passing.h"
 #include "kr/message/message.h"
 #include "kr/message/protocol.h"
@@ -198,49 +196,30 @@ struct TempDir {
 };
 
 // kr-loader with KR_RUNTIME_DIR = `dir`, `config` in dir/loader.conf and
-// its standard error in dir/loader.log.
-class LoaderProcess {
+// its standard error in dir/loader.log. A test that dies takes its loader
+// along: SIGTERM, so that the loader stops its daemons too.
+class LoaderProcess : public ::kr::testing::ChildProcess {
  public:
-  LoaderProcess(const std::string& binary, const std::string& dir, const std::string& config) : dir_(dir) {
-    std::ofstream(dir + "/loader.conf") << config;
-    pid_ = fork();
-    if (pid_ != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGTERM);  // a test that dies takes its loader along
-    setenv("KR_RUNTIME_DIR", dir.c_str(), 1);
-    if (freopen((dir + "/loader.log").c_str(), "w", stderr))
-      execl(binary.c_str(), binary.c_str(), "--config", (dir + "/loader.conf").c_str(), nullptr);
-    _exit(127);
-  }
+  LoaderProcess(const std::string& binary, const std::string& dir, const std::string& config)
+      : ChildProcess(binary, {"--config", configFile(dir, config)},
+                     {.runtimeDir = dir, .err = dir + "/loader.log", .deathSignal = SIGTERM}),
+        dir_(dir) {}
   ~LoaderProcess() {
-    if (pid_ > 0) stop();
-    if (pid_ > 0) {  // did not end in time
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    if (pid() > 0) stop();  // one that does not end in time is killed by ~ChildProcess
   }
   std::string socketPath() const { return dir_ + "/korasock"; }
-  pid_t pid() const { return pid_; }
   // SIGTERM; the exit status within the time, or -1.
-  int stop(int timeoutMs = 5000) {
-    if (pid_ <= 0) return -1;
-    kill(pid_, SIGTERM);
-    for (int waited = 0; waited <= timeoutMs; waited += 10, usleep(10000)) {
-      int status = 0;
-      if (waitpid(pid_, &status, WNOHANG) != pid_) continue;
-      pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    return -1;
-  }
-  std::string log() const {
-    std::stringstream s;
-    s << std::ifstream(dir_ + "/loader.log").rdbuf();
-    return s.str();
-  }
+  int stop(int timeoutMs = 5000) { return ChildProcess::stop(timeoutMs); }
+  std::string log() const { return err(); }
 
  private:
+  // Writes `config` to dir/loader.conf (before the fork); that path.
+  static std::string configFile(const std::string& dir, const std::string& config) {
+    std::ofstream(dir + "/loader.conf") << config;
+    return dir + "/loader.conf";
+  }
+
   std::string dir_;
-  pid_t pid_ = -1;
 };
 
 }  // namespace kr::loader::testing

@@ -12,6 +12,7 @@
 #include <filesystem>
 
 #include "kr/loop/runner.h"
+#include "kr/testing/child_process.h"
 #include "platform/common/listener.h"
 #include "platform/loader/test_client.h"
 #include "platform/log/service.h"
@@ -110,42 +111,10 @@ class Client {
 
 // kr-log (or a client mode of it) as a child in `dir`; standard output and
 // error in dir/<name>.out and .err.
-class Process {
- public:
+struct Process : kr::testing::ChildProcess {
   Process(const std::string& dir, const Strings& args, const std::string& name = "kr-log")
-      : out_(dir + "/" + name + ".out"), err_(dir + "/" + name + ".err") {
-    if ((pid_ = fork()) != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    setenv("KR_RUNTIME_DIR", dir.c_str(), 1);
-    if (!freopen(out_.c_str(), "w", stdout) || !freopen(err_.c_str(), "w", stderr)) _exit(127);
-    std::vector<char*> argv{const_cast<char*>(KR_LOG_BINARY)};
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(KR_LOG_BINARY, argv.data());
-    _exit(127);
-  }
-  ~Process() {
-    if (pid_ > 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
-  }
-  // The exit status; -1 unless it exits within 10 s.
-  int wait() {
-    for (int i = 0, status = 0; i < 1000; ++i, usleep(10000)) {
-      if (waitpid(pid_, &status, WNOHANG) != pid_) continue;
-      pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    return -1;
-  }
-  int stop() {
-    kill(pid_, SIGTERM);
-    return wait();
-  }
-  std::string out() const { return slurp(out_); }
-  std::string err() const { return slurp(err_); }
-
- private:
-  std::string out_, err_;
-  pid_t pid_ = -1;
+      : ChildProcess(KR_LOG_BINARY, args,
+                     {.runtimeDir = dir, .out = dir + "/" + name + ".out", .err = dir + "/" + name + ".err"}) {}
 };
 
 constexpr char kConfig[] =

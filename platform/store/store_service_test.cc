@@ -15,6 +15,7 @@
 #include <sstream>
 #include <thread>
 
+#include "kr/testing/child_process.h"
 #include "kr/util/unique_fd.h"
 #include "platform/loader/test_client.h"
 
@@ -112,44 +113,26 @@ std::map<uint32_t, Bytes> entries(const Bytes& r) {
 }
 
 // kr-store --no-bus in `dir`; its standard error is appended to dir/store.log.
-class StoreProcess {
+class StoreProcess : public kr::testing::ChildProcess {
  public:
-  StoreProcess(const std::string& dir, const std::string& db, const std::string& socket) : socket_(socket) {
-    if ((pid_ = fork()) != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (freopen((dir + "/store.log").c_str(), "a", stderr))
-      execl(KR_STORE_BINARY, KR_STORE_BINARY, "--no-bus", "--socket", socket.c_str(), "--db", db.c_str(), nullptr);
-    _exit(127);
-  }
-  ~StoreProcess() {
-    if (pid_ > 0) kill(pid_, SIGKILL);
-    waitExit();
-  }
+  StoreProcess(const std::string& dir, const std::string& db, const std::string& socket)
+      : ChildProcess(KR_STORE_BINARY, {"--no-bus", "--socket", socket, "--db", db},
+                     {.err = dir + "/store.log", .append = true}),
+        socket_(socket) {}
   // A connection, once the service answers (within 5 s); null if it ended.
   std::unique_ptr<Conn> connect() {
-    for (int i = 0, status; i < 500 && pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0; ++i, usleep(10000)) {
+    for (int i = 0; i < 500 && running(); ++i, usleep(10000)) {
       if (auto c = std::make_unique<Conn>(socket_); c->ok()) return c;
     }
     return nullptr;
   }
   // Its exit status (-1: killed or still running after 5 s).
-  int waitExit() {
-    for (int i = 0, status = 0; i < 500 && pid_ > 0; ++i, usleep(10000)) {
-      if (waitpid(pid_, &status, WNOHANG) != pid_) continue;
-      pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    return -1;
-  }
-  int stop() {
-    kill(pid_, SIGTERM);
-    return waitExit();
-  }
-  void killHard() { kill(pid_, SIGKILL); }
+  int waitExit() { return wait(5000); }
+  int stop() { return ChildProcess::stop(5000); }
+  void killHard() { signal(SIGKILL); }
 
  private:
   std::string socket_;
-  pid_t pid_ = -1;
 };
 
 class storeService : public ::testing::Test {

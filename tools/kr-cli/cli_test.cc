@@ -6,18 +6,16 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "kr/message/protocol.h"
 #include "kr/message/vocabulary.h"
+#include "kr/testing/child_process.h"
 #include "platform/loader/protocol.h"
 #include "platform/loader/test_client.h"
 #include "tools/kr-msg/msgjson.h"
@@ -116,30 +114,11 @@ TEST(cliParse, LogBuildsKrLogsRequestLine) {
 
 // kr-cli as a child process, its standard output (0) and error (1) going to
 // the files `files`.out and .err.
-class CliProcess {
+class CliProcess : public kr::testing::ChildProcess {
  public:
   CliProcess(const std::string& runtimeDir, const std::string& files, const Strings& args)
-      : files_{files + ".out", files + ".err"} {
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      setenv("KR_RUNTIME_DIR", runtimeDir.c_str(), 1);
-      if (!freopen(files_[0].c_str(), "w", stdout) || !freopen(files_[1].c_str(), "w", stderr)) _exit(127);
-      std::vector<char*> argv{const_cast<char*>(KR_CLI_BINARY)};
-      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      execv(KR_CLI_BINARY, argv.data());
-      _exit(127);
-    }
-  }
-  ~CliProcess() {
-    if (pid_ > 0) kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
-  }
-  std::string all(int which) const {
-    std::stringstream s;
-    s << std::ifstream(files_[which]).rdbuf();
-    return s.str();
-  }
+      : ChildProcess(KR_CLI_BINARY, args, {.runtimeDir = runtimeDir, .out = files + ".out", .err = files + ".err"}) {}
+  std::string all(int which) const { return which == 0 ? out() : err(); }
   // The next line of output `which` that contains `text`, waiting up to 10 s.
   bool line(int which, std::string* found, const std::string& text = "") {
     for (int i = 0; i < 1000; ++i, usleep(10000)) {
@@ -152,20 +131,8 @@ class CliProcess {
     }
     return false;
   }
-  void signal(int sig) { kill(pid_, sig); }
-  // The exit status; -1 unless it exits within 10 s.
-  int wait() {
-    for (int i = 0, status = 0; i < 1000; ++i, usleep(10000)) {
-      if (waitpid(pid_, &status, WNOHANG) != pid_) continue;
-      pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    return -1;
-  }
 
  private:
-  pid_t pid_ = -1;
-  std::string files_[2];
   size_t seen_[2] = {0, 0};
 };
 
@@ -338,12 +305,7 @@ TEST_F(cliEndToEnd, GetAllFollowsTheContinuationToTheLastPage) {
 // `log` needs no loader: a real kr-log on its own.
 TEST(cliLog, MutesShowsStatusAndFollowsWithoutTheBus) {
   loader::testing::TempDir dir;
-  const pid_t log = fork();
-  if (log == 0) {
-    setenv("KR_RUNTIME_DIR", dir.path.c_str(), 1);
-    if (freopen((dir.path + "/kr-log.err").c_str(), "w", stderr)) execl(KR_LOG_BINARY, KR_LOG_BINARY, nullptr);
-    _exit(127);
-  }
+  kr::testing::ChildProcess log(KR_LOG_BINARY, {}, {.runtimeDir = dir.path, .err = dir.path + "/kr-log.err"});
   int runs = 0;
   const auto run = [&](const Strings& args) {
     CliProcess p(dir.path, dir.path + "/cli" + std::to_string(++runs), args);
@@ -361,10 +323,8 @@ TEST(cliLog, MutesShowsStatusAndFollowsWithoutTheBus) {
   EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 2) << r.out;
   EXPECT_EQ(run({"log", "mute", "nosuch"}).err, "kr-cli: unknown topic 'nosuch'\n");
 
-  kill(log, SIGTERM);
-  int status = -1;
-  EXPECT_EQ(waitpid(log, &status, 0), log);
-  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(log.signal(SIGTERM));
+  EXPECT_EQ(log.wait(), 0);
   r = run({"log", "status"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("kr-cli: cannot connect to kr-log at " + dir.path + "/logctl"), npos) << r.err;
