@@ -195,10 +195,5 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("churn/kr", Churn<KrIds>);
   benchmark::RegisterBenchmark("churn/set", Churn<SetIds>);
 
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  return runBenchmarks<RatioReporter>(argc, argv);
 }

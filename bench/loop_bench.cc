@@ -81,15 +81,21 @@ void TimersCancelKr(benchmark::State& st) {
 
 void onUvTimer(uv_timer_t* t) { static_cast<Counter*>(t->data)->fire(); }
 
-void TimersCancelUv(benchmark::State& st) {
-  uv_loop_t loop;
+// A fresh libuv loop with every timer of `timers` initialised on it, each
+// counting into c.
+void initUvTimers(uv_loop_t& loop, std::vector<uv_timer_t>& timers, Counter& c) {
   check(uv_loop_init(&loop) == 0, "uv_loop_init failed");
-  Counter c;
-  std::vector<uv_timer_t> timers(kTimers);
   for (uv_timer_t& t : timers) {
     uv_timer_init(&loop, &t);
     t.data = &c;
   }
+}
+
+void TimersCancelUv(benchmark::State& st) {
+  uv_loop_t loop;
+  Counter c;
+  std::vector<uv_timer_t> timers(kTimers);
+  initUvTimers(loop, timers, c);
   for (auto _ : st) {
     for (int i = 0; i < kTimers; ++i) uv_timer_start(&timers[i], onUvTimer, timeoutTicks(i) * 10, 0);
     for (int i = 0; i < kTimers; ++i) uv_timer_stop(&timers[i]);
@@ -158,13 +164,9 @@ void TimersFireKr(benchmark::State& st) {
 
 void TimersFireUv(benchmark::State& st) {
   uv_loop_t loop;
-  check(uv_loop_init(&loop) == 0, "uv_loop_init failed");
   Counter c;
   std::vector<uv_timer_t> timers(kTimers);
-  for (uv_timer_t& t : timers) {
-    uv_timer_init(&loop, &t);
-    t.data = &c;
-  }
+  initUvTimers(loop, timers, c);
   long turns = 0;
   for (auto _ : st) {
     c.fired = 0;
@@ -429,10 +431,5 @@ int main(int argc, char** argv) {
   pingPong("pingpong_idle1000/libuv", PingPongUv, kIdle, kIdleTrips, kIdleIterations);
   pingPong("pingpong_idle1000/libevent", PingPongEv, kIdle, kIdleTrips, kIdleIterations);
 
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  return runBenchmarks<RatioReporter>(argc, argv);
 }

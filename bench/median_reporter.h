@@ -40,3 +40,16 @@ class MedianReporter : public benchmark::ConsoleReporter {
     return it == r.counters.end() ? missing : double(it->second);
   }
 };
+
+// Google Benchmark's main with `Reporter` (a MedianReporter that prints its
+// ratios at the end): 1 for an unknown option, else 0 once every benchmark
+// has run.
+template <class Reporter>
+int runBenchmarks(int& argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  Reporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}

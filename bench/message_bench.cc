@@ -490,11 +490,7 @@ int main(int argc, char** argv) {
     benchmark::RegisterBenchmark(("siphash128/" + std::to_string(size)).c_str(), SipHashKr<16>)->Arg(size);
   }
 
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
+  const int status = runBenchmarks<RatioReporter>(argc, argv);
   google::protobuf::ShutdownProtobufLibrary();
-  return 0;
+  return status;
 }
